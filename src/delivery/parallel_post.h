@@ -1,0 +1,17 @@
+// One POST of one body to up to 30 destinations at once; no retries.
+#ifndef RFEVENT_DELIVERY_PARALLEL_POST_H
+#define RFEVENT_DELIVERY_PARALLEL_POST_H
+
+#include <vector>
+
+#include "subscriptions/store.h"
+
+constexpr int kMaxParallelDestinations = 30;
+
+// failureCount of each target whose transfer failed goes up by one. At most 30 targets.
+void sendMultiperform(const char* body, std::vector<DeliveryTarget*>& targets);
+
+// Adds one failure to the first target whose destination equals url exactly.
+void countDeliveryFailure(std::vector<DeliveryTarget*>& targets, const char* url);
+
+#endif

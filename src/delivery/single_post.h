@@ -1,0 +1,12 @@
+// One HTTPS POST with mutual TLS and the configured retries, under the process-wide POST lock.
+#ifndef RFEVENT_DELIVERY_SINGLE_POST_H
+#define RFEVENT_DELIVERY_SINGLE_POST_H
+
+#include <json/json.h>
+
+// POSTs formData to uri with the "HttpHeaders" of subscription. *failed is set to true only
+// when every attempt failed (the "JX083" event-log entry is then written); false otherwise.
+void sendHTTPPacketByCURL(const char* formData, const char* uri, const Json::Value& subscription,
+                          bool* failed);
+
+#endif

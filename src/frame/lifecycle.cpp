@@ -1,0 +1,94 @@
+#include "frame/lifecycle.h"
+
+#include <curl/curl.h>
+
+#include "platform/log.h"
+#include "rfevent/redfish_event.h"
+#include "sse/replay.h"
+#include "subscriptions/invalid_dest.h"
+#include "telemetry/notify_thread.h"
+#include "telemetry/test_report_thread.h"
+
+namespace rfevent {
+
+std::atomic<int> g_telemetryNotifyFlag{1};
+std::atomic<int> g_testReportFlag{1};
+std::atomic<int> g_sseInfraFlag{1};
+
+ThreadSlot g_threadSlots[kThreadCount];
+
+namespace {
+
+// Creates the thread into its slot. A failing pthread_create is only recorded in the slot:
+// the start function reports success in every case.
+int createInto(ThreadSlot* slot, void* (*body)(void*)) {
+    slot->result = pthread_create(&slot->thread, nullptr, body, nullptr);
+    return 0;
+}
+
+int startTelemetryNotify(ThreadSlot* slot) {
+    g_telemetryNotifyFlag.store(0, std::memory_order_relaxed);
+    return createInto(slot, TelemetryServiceNotifyWaitThread);
+}
+
+int startTestReport(ThreadSlot* slot) {
+    g_testReportFlag.store(0, std::memory_order_relaxed);
+    return createInto(slot, RedfishTestMetricReportThread);
+}
+
+int startSseInfra(ThreadSlot* slot) {
+    g_sseInfraFlag.store(0, std::memory_order_relaxed);
+    return createInto(slot, RedfishSSEInfraNotifyThread);
+}
+
+int startInvalidDest1(ThreadSlot* slot) { return createInto(slot, InvalidDestHandlingThread1); }
+
+int startInvalidDest2(ThreadSlot* slot) { return createInto(slot, InvalidDestHandlingThread2); }
+
+}  // namespace
+
+const ThreadStartFn g_threadTable[kThreadCount] = {
+    startTelemetryNotify, startTestReport, startSseInfra, startInvalidDest1, startInvalidDest2,
+};
+
+void startThreadTable(const ThreadStartFn* table, ThreadSlot* slots, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+        if (table[i] == nullptr) {
+            continue;
+        }
+        if (table[i](&slots[i]) != 0) {
+            RF_LOG(kLogError, "[%s():%d]Thread creation failed- %d\n", static_cast<int>(i));
+        }
+    }
+}
+
+}  // namespace rfevent
+
+extern "C" {
+
+RFEVENT_API void RedfishEventPluginInit(void) {
+    RF_ENTER();
+    if (curl_global_init(CURL_GLOBAL_ALL) != 0) {  // SSL and Win32 initialisation, value 3
+        RF_LOG(rfevent::kLogError, "[%s():%d]curl_global_init failed");
+    } else {
+        RF_LOG(rfevent::kLogDebug, "[%s():%d]curl_global_init Success");
+    }
+    RF_EXIT();
+}
+
+RFEVENT_API void RedfishEventPluginCleanup(void) {
+    RF_ENTER();
+    curl_global_cleanup();
+    RF_EXIT();
+}
+
+RFEVENT_API void Redfish_telemetry_init(void) {
+    try {
+        rfevent::startThreadTable(rfevent::g_threadTable, rfevent::g_threadSlots,
+                                  rfevent::kThreadCount);
+    } catch (...) {
+        RF_LOG(rfevent::kLogError, "[%s():%d]worker start aborted by an exception");
+    }
+}
+
+}  // extern "C"

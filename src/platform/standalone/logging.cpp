@@ -1,0 +1,83 @@
+// orvaprintf: the platform's logger. One line per call, written with a single write so that
+// lines from several threads never interleave. Lines go to the file named by
+// RFEVENT_LOG_FILE (appended) or to stderr, when their level is at most RFEVENT_LOG_LEVEL
+// (default 2, errors only).
+#include "platform/platform.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+namespace {
+
+int configuredLevel() {
+    const char* text = std::getenv("RFEVENT_LOG_LEVEL");
+    if (text == nullptr || *text == '\0') {
+        return 2;
+    }
+    return std::atoi(text);
+}
+
+// The log file stays open between lines; it is reopened when RFEVENT_LOG_FILE changes.
+class LogSink {
+public:
+    void write(const char* line, size_t length) {
+        const char* file = std::getenv("RFEVENT_LOG_FILE");
+        if (file == nullptr || *file == '\0') {
+            (void)!::write(STDERR_FILENO, line, length);
+            return;
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (fd_ < 0 || path_ != file) {
+            if (fd_ >= 0) {
+                ::close(fd_);
+            }
+            path_ = file;
+            fd_ = ::open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        }
+        if (fd_ >= 0) {
+            (void)!::write(fd_, line, length);
+        }
+    }
+
+private:
+    std::mutex mutex_;
+    std::string path_;
+    int fd_ = -1;
+};
+
+LogSink& sink() {
+    static LogSink* instance = new LogSink;  // never destroyed: used until the very end
+    return *instance;
+}
+
+}  // namespace
+
+extern "C" int orvaprintf(int level, int module, const char* format, ...) {
+    if (format == nullptr || level > configuredLevel()) {
+        return 0;
+    }
+    char line[8192];
+    int head = std::snprintf(line, sizeof line, "<%d> [%d] ", level, module);
+    va_list args;
+    va_start(args, format);
+    int body = std::vsnprintf(line + head, sizeof line - static_cast<size_t>(head), format, args);
+    va_end(args);
+    size_t length = static_cast<size_t>(head);
+    if (body > 0) {
+        length += std::min(static_cast<size_t>(body), sizeof line - static_cast<size_t>(head) - 1);
+    }
+    // Messages often carry their own trailing newline; keep exactly one.
+    while (length > 0 && line[length - 1] == '\n') {
+        --length;
+    }
+    line[length++] = '\n';
+    sink().write(line, length);
+    return static_cast<int>(length);
+}

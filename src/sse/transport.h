@@ -1,0 +1,20 @@
+// Hand-over of SSE messages to the SSE stream server: the SSE FIFO for alert frames, one
+// loopback TCP connection per piece for report messages.
+#ifndef RFEVENT_SSE_TRANSPORT_H
+#define RFEVENT_SSE_TRANSPORT_H
+
+#include <pthread.h>
+
+constexpr int kSsePieceSize = 4096;
+
+// Serialises every FIFO write and every socket connection.
+extern pthread_mutex_t sse_send_mutex;
+
+// Writes msg and its NUL to the SSE FIFO in one write; 0 on success, 1 on failure.
+int send_to_sse(const char* msg);
+// Sends msg (without NUL) over a fresh connection; always 0, failures are logged.
+int send_to_sock_sse(const char* msg);
+// Sends a report message of any length in pieces of 4096 bytes, then the end marker; 0.
+int sse_chunk_send(const char* msg);
+
+#endif

@@ -1,0 +1,15 @@
+// Metric reports to the push subscriptions that asked for them.
+#ifndef RFEVENT_SUBSCRIPTIONS_REPORT_DELIVERY_H
+#define RFEVENT_SUBSCRIPTIONS_REPORT_DELIVERY_H
+
+#include <string>
+
+#include <json/json.h>
+
+// 0 when the store was read and processed, -1 for a null report or a missing or bad store.
+int send_report_to_subscription(const char* report);
+
+// True when an element of list has an "@odata.id" equal to definitionUri.
+bool isReportMatchTheSubscription(Json::Value list, const std::string& definitionUri);
+
+#endif

@@ -1,0 +1,36 @@
+// The push subscription store and the per-destination records of a parallel delivery.
+#ifndef RFEVENT_SUBSCRIPTIONS_STORE_H
+#define RFEVENT_SUBSCRIPTIONS_STORE_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+// One destination of a parallel delivery. Texts are heap copies released with free().
+struct DeliveryTarget {
+    char* destination;
+    void* spare;
+    char* subscriptionId;
+    int32_t failureCount;
+    char* retryPolicy;
+    Json::Value* subscription;  // heap copy, deleted with the record
+};
+
+// The three store operations: 0 when the store was rewritten, -1 when it is absent, does not
+// parse or has no subscription with that id (the file is then left untouched).
+int removeSubscription(const char* subscriptionId);
+int addInvalidMemberinSubscription(const char* subscriptionId);
+int setSubscriptionState(const char* subscriptionId, const char* state);
+
+// Releases every record of a parallel delivery and empties the vector.
+void removeFromSubscription(std::vector<DeliveryTarget*>& targets);
+
+namespace rfevent {
+// Replaces the store with the styled form of document: written to a temporary file in the
+// same folder, then renamed over the store, so readers see the old or the new content.
+bool writeSubscriptionStore(const Json::Value& document);
+}  // namespace rfevent
+
+#endif

@@ -1,0 +1,18 @@
+// The serial-log and CPU-register reports, built by the plug-in from capture files.
+#ifndef RFEVENT_TELEMETRY_LOG_REPORTS_H
+#define RFEVENT_TELEMETRY_LOG_REPORTS_H
+
+#include <cstddef>
+#include <string>
+
+int sendSerialLogToSSE();
+void sendCPUDumpToTelemetry();
+int sendCPURegisterReport(const char* base64Payload, const char* type);
+std::string GenerateLogEntryJsonForTelemetry(std::string payload, const char* type);
+int GetReportSequence(const char* path);
+int SetReportSequence(const char* path, int value);
+int sendLog_to_sse(const char* reportJson, const char* type);
+void EncodeStr(std::string& message);
+char* base64Encode(const unsigned char* data, std::size_t length, std::size_t* outLength);
+
+#endif

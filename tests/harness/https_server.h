@@ -1,0 +1,149 @@
+// In-process HTTPS/1.1 event destination for the delivery tests.
+//
+// Listens on 127.0.0.1 (ephemeral port) with TLS from the test PKI, can
+// require and verify a client certificate (mutual TLS), records every request
+// it receives, and answers each one with a configurable status after a
+// configurable delay. One thread accepts; every connection gets its own
+// thread (at most kMaxLiveConnections at a time), so many parallel clients
+// are served at once and a slow answer on one connection holds up no other.
+// Every connection carries one request: the answer says "Connection: close".
+#ifndef RFEVENT_TESTS_HTTPS_SERVER_H
+#define RFEVENT_TESTS_HTTPS_SERVER_H
+
+#include <openssl/ssl.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "harness/certs.h"
+
+namespace rfevent::testkit {
+
+struct HttpsServerOptions {
+    bool requireClientCert = true;  // handshake fails without a client certificate signed by the test CA
+    int status = 200;               // status of every answer; see HttpsServer::setStatus
+    int delayMs = 0;                // pause between reading a request and answering it
+};
+
+// One received request, exactly as it arrived.
+struct RecordedRequest {
+    std::string method;   // "POST"
+    std::string target;   // request target, e.g. "/events?x=1"
+    std::string version;  // "HTTP/1.1"
+    // Header fields in arrival order. The name is the exact bytes before the
+    // first ':'; the value is the bytes after it with surrounding blanks
+    // (space, tab) removed.
+    std::vector<std::pair<std::string, std::string>> headers;
+    // The same fields as whole raw lines without the CRLF, e.g. "X-Auth:abc";
+    // headerLines[i] belongs to headers[i].
+    std::vector<std::string> headerLines;
+    std::string body;  // exact bytes, Content-Length of them
+    bool clientCertPresented = false;
+    bool clientCertVerified = false;  // presented and verified against the test CA
+    std::string clientCn;             // subject CN of the client certificate, if any
+    std::chrono::steady_clock::time_point receivedAt;  // when the body was complete
+
+    // Value of the first header whose name matches case-insensitively, or ""
+    // when there is none.
+    std::string header(const std::string& name) const;
+    bool hasHeader(const std::string& name) const;
+    // True when one raw header line equals `line` byte for byte.
+    bool hasHeaderLine(const std::string& line) const;
+};
+
+class HttpsServer {
+public:
+    static constexpr int kMaxLiveConnections = 64;
+
+    // Starts listening and serving at once. Throws std::runtime_error when
+    // the TLS context or the listening socket cannot be set up.
+    explicit HttpsServer(const TestPki& pki, HttpsServerOptions options = {});
+    ~HttpsServer();
+    HttpsServer(const HttpsServer&) = delete;
+    HttpsServer& operator=(const HttpsServer&) = delete;
+
+    // Closes the listener, interrupts open connections (including delayed
+    // answers) and joins every thread. Idempotent; the destructor calls it.
+    void stop();
+
+    int port() const { return port_; }
+    // "https://127.0.0.1:<port><path>"
+    std::string url(const std::string& path = "/") const;
+
+    // Take effect for requests whose body completes after the call.
+    void setStatus(int status) { status_.store(status, std::memory_order_relaxed); }
+    void setDelayMs(int delayMs) { delayMs_.store(delayMs, std::memory_order_relaxed); }
+
+    std::vector<RecordedRequest> requests() const;  // snapshot, arrival order
+    std::size_t requestCount() const;
+    // Waits until at least `count` requests were recorded.
+    bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const;
+    // Forgets recorded requests and resets the counters below.
+    void clear();
+
+    // Connections whose TLS handshake failed (no or bad client certificate,
+    // client rejected our certificate, ...). These are not requests.
+    int handshakeFailures() const { return handshakeFailures_.load(std::memory_order_relaxed); }
+    // Every accepted TCP connection.
+    int connectionsAccepted() const { return connectionsAccepted_.load(std::memory_order_relaxed); }
+    // Most connections that were being served at the same moment.
+    int peakLiveConnections() const { return peakLive_.load(std::memory_order_relaxed); }
+
+    // A port on 127.0.0.1 where nothing listens (bound once, then closed), to
+    // stand for an absent destination.
+    static int closedLoopbackPort();
+
+private:
+    struct Connection {
+        std::thread thread;
+        std::shared_ptr<std::atomic<bool>> done;
+    };
+
+    void setUpTls(const TestPki& pki);
+    void setUpListener();
+    void releaseResources();
+    void acceptLoop();
+    void joinFinished(bool all);
+    void serveConnection(int fd);
+    void record(RecordedRequest request);
+    bool waitIo(int fd, short events, std::chrono::steady_clock::time_point deadline) const;
+    bool pause(int delayMs) const;
+    template <typename Op>
+    int driveSsl(SSL* ssl, int fd, std::chrono::steady_clock::time_point deadline, Op op) const;
+    bool readRequest(SSL* ssl, int fd, std::chrono::steady_clock::time_point deadline, RecordedRequest& out);
+    bool writeAll(SSL* ssl, int fd, std::chrono::steady_clock::time_point deadline, const std::string& data) const;
+
+    HttpsServerOptions options_;
+    SSL_CTX* ctx_ = nullptr;
+    int listenFd_ = -1;
+    int wakeRead_ = -1;  // readable once stop() was called
+    int wakeWrite_ = -1;
+    int port_ = 0;
+    bool stopped_ = false;  // only touched by the owning thread
+
+    std::atomic<int> status_;
+    std::atomic<int> delayMs_;
+    std::atomic<int> handshakeFailures_{0};
+    std::atomic<int> connectionsAccepted_{0};
+    std::atomic<int> live_{0};
+    std::atomic<int> peakLive_{0};
+
+    mutable std::mutex mutex_;
+    mutable std::condition_variable recorded_;
+    std::vector<RecordedRequest> requests_;
+
+    std::thread acceptThread_;
+    std::vector<Connection> connections_;  // only touched by the accept thread, then by stop()
+};
+
+}  // namespace rfevent::testkit
+
+#endif
