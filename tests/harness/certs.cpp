@@ -28,18 +28,20 @@ using KeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 using CertPtr = std::unique_ptr<X509, decltype(&X509_free)>;
 using Extensions = std::vector<std::pair<int, const char*>>;
 
-constexpr long kValiditySeconds = 365L * 24 * 3600;  // stays below 2038 for 32-bit time_t
+constexpr long kValiditySeconds = 365L * 24 * 3600; // stays below 2038 for 32-bit time_t
 
 [[noreturn]] void fail(const std::string& what) {
     char reason[256] = "no OpenSSL error queued";
-    if (unsigned long code = ERR_get_error()) ERR_error_string_n(code, reason, sizeof reason);
+    if (unsigned long code = ERR_get_error())
+        ERR_error_string_n(code, reason, sizeof reason);
     ERR_clear_error();
     throw std::runtime_error("test PKI: " + what + ": " + reason);
 }
 
 KeyPtr newKey() {
     EVP_PKEY* key = EVP_EC_gen("P-256");
-    if (key == nullptr) fail("EC P-256 key generation");
+    if (key == nullptr)
+        fail("EC P-256 key generation");
     return KeyPtr(key, EVP_PKEY_free);
 }
 
@@ -59,10 +61,12 @@ void addExtension(X509* cert, X509* issuer, int nid, const char* value) {
     X509V3_set_ctx_nodb(&ctx);
     X509V3_set_ctx(&ctx, issuer, cert, nullptr, nullptr, 0);
     X509_EXTENSION* ext = X509V3_EXT_conf_nid(nullptr, &ctx, nid, value);
-    if (ext == nullptr) fail(std::string("extension ") + OBJ_nid2sn(nid) + "=" + value);
+    if (ext == nullptr)
+        fail(std::string("extension ") + OBJ_nid2sn(nid) + "=" + value);
     const int added = X509_add_ext(cert, ext, -1);
     X509_EXTENSION_free(ext);
-    if (added != 1) fail("adding extension");
+    if (added != 1)
+        fail("adding extension");
 }
 
 // Builds a certificate for `key` with subject CN `cn`. Without an issuer the
@@ -70,31 +74,38 @@ void addExtension(X509* cert, X509* issuer, int nid, const char* value) {
 CertPtr makeCert(EVP_PKEY* key, const std::string& cn, X509* issuer, EVP_PKEY* issuerKey,
                  const Extensions& extensions) {
     CertPtr cert(X509_new(), X509_free);
-    if (!cert) fail("X509_new");
+    if (!cert)
+        fail("X509_new");
     X509* c = cert.get();
     setRandomSerial(c);
     X509_NAME* name = X509_get_subject_name(c);
     if (X509_set_version(c, 2) != 1 || X509_gmtime_adj(X509_getm_notBefore(c), -3600) == nullptr ||
-        X509_gmtime_adj(X509_getm_notAfter(c), kValiditySeconds) == nullptr || X509_set_pubkey(c, key) != 1 ||
+        X509_gmtime_adj(X509_getm_notAfter(c), kValiditySeconds) == nullptr ||
+        X509_set_pubkey(c, key) != 1 ||
         X509_NAME_add_entry_by_txt(name, "O", MBSTRING_ASC,
-                                   reinterpret_cast<const unsigned char*>("rfevent tests"), -1, -1, 0) != 1 ||
-        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(cn.c_str()),
-                                   -1, -1, 0) != 1 ||
+                                   reinterpret_cast<const unsigned char*>("rfevent tests"), -1, -1,
+                                   0) != 1 ||
+        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                                   reinterpret_cast<const unsigned char*>(cn.c_str()), -1, -1,
+                                   0) != 1 ||
         X509_set_issuer_name(c, issuer != nullptr ? X509_get_subject_name(issuer) : name) != 1) {
         fail("certificate fields for " + cn);
     }
     X509* signer = issuer != nullptr ? issuer : c;
     addExtension(c, signer, NID_subject_key_identifier, "hash");
     addExtension(c, signer, NID_authority_key_identifier, "keyid:always");
-    for (const auto& [nid, value] : extensions) addExtension(c, signer, nid, value);
-    if (X509_sign(c, issuerKey != nullptr ? issuerKey : key, EVP_sha256()) == 0) fail("signing " + cn);
+    for (const auto& [nid, value] : extensions)
+        addExtension(c, signer, nid, value);
+    if (X509_sign(c, issuerKey != nullptr ? issuerKey : key, EVP_sha256()) == 0)
+        fail("signing " + cn);
     return cert;
 }
 
 // Opens `path` for writing with the given mode (0600 for keys).
 FILE* openForWrite(const std::string& path, mode_t mode) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-    if (fd < 0) throw std::runtime_error("test PKI: cannot create " + path);
+    if (fd < 0)
+        throw std::runtime_error("test PKI: cannot create " + path);
     FILE* file = ::fdopen(fd, "w");
     if (file == nullptr) {
         ::close(fd);
@@ -106,13 +117,15 @@ FILE* openForWrite(const std::string& path, mode_t mode) {
 void writeCert(const std::string& path, X509* cert) {
     FILE* file = openForWrite(path, 0644);
     const int ok = PEM_write_X509(file, cert);
-    if (std::fclose(file) != 0 || ok != 1) fail("writing " + path);
+    if (std::fclose(file) != 0 || ok != 1)
+        fail("writing " + path);
 }
 
 void writeKey(const std::string& path, EVP_PKEY* key) {
     FILE* file = openForWrite(path, 0600);
     const int ok = PEM_write_PrivateKey(file, key, nullptr, nullptr, 0, nullptr, nullptr);
-    if (std::fclose(file) != 0 || ok != 1) fail("writing " + path);
+    if (std::fclose(file) != 0 || ok != 1)
+        fail("writing " + path);
 }
 
 const Extensions kCaExtensions = {
@@ -146,9 +159,11 @@ TestPki pathsFor(const std::string& dir) {
 }
 
 bool allFilesExist(const TestPki& pki) {
-    for (const std::string* path : {&pki.caCert, &pki.caKey, &pki.serverCert, &pki.serverKey, &pki.clientCert,
-                                    &pki.clientKey, &pki.otherCaCert, &pki.otherCaKey}) {
-        if (!fs::exists(*path)) return false;
+    for (const std::string* path :
+         {&pki.caCert, &pki.caKey, &pki.serverCert, &pki.serverKey, &pki.clientCert, &pki.clientKey,
+          &pki.otherCaCert, &pki.otherCaKey}) {
+        if (!fs::exists(*path))
+            return false;
     }
     return true;
 }
@@ -160,9 +175,11 @@ TestPki writeNewPki(const std::string& dir) {
     KeyPtr caKey = newKey();
     CertPtr ca = makeCert(caKey.get(), "rfevent test CA", nullptr, nullptr, kCaExtensions);
     KeyPtr serverKey = newKey();
-    CertPtr server = makeCert(serverKey.get(), "localhost", ca.get(), caKey.get(), kServerExtensions);
+    CertPtr server =
+        makeCert(serverKey.get(), "localhost", ca.get(), caKey.get(), kServerExtensions);
     KeyPtr clientKey = newKey();
-    CertPtr client = makeCert(clientKey.get(), kTestClientCn, ca.get(), caKey.get(), kClientExtensions);
+    CertPtr client =
+        makeCert(clientKey.get(), kTestClientCn, ca.get(), caKey.get(), kClientExtensions);
     KeyPtr otherKey = newKey();
     CertPtr other = makeCert(otherKey.get(), "rfevent other CA", nullptr, nullptr, kCaExtensions);
 
@@ -182,7 +199,7 @@ void copyInto(const std::string& from, const std::string& to) {
     fs::copy_file(from, to, fs::copy_options::overwrite_existing);
 }
 
-}  // namespace
+} // namespace
 
 TestPki generateTestPki(const std::string& dir) {
     static std::mutex mutex;
@@ -190,7 +207,8 @@ TestPki generateTestPki(const std::string& dir) {
 
     std::lock_guard<std::mutex> lock(mutex);
     auto found = cache.find(dir);
-    if (found != cache.end() && allFilesExist(found->second)) return found->second;
+    if (found != cache.end() && allFilesExist(found->second))
+        return found->second;
     TestPki pki = writeNewPki(dir);
     cache[dir] = pki;
     return pki;
@@ -202,4 +220,4 @@ void installClientCredentials(const TestPki& pki, const std::string& root, bool 
     copyInto(goodCa ? pki.caCert : pki.otherCaCert, root + "/etc/certs/pubkey/https_server_ca.crt");
 }
 
-}  // namespace rfevent::testkit
+} // namespace rfevent::testkit

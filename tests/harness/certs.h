@@ -12,14 +12,14 @@ namespace rfevent::testkit {
 // Paths of the generated PEM files. All of them live in `dir`.
 struct TestPki {
     std::string dir;
-    std::string caCert;       // dir/ca.crt
-    std::string caKey;        // dir/ca.key
-    std::string serverCert;   // dir/server.crt, SAN IP:127.0.0.1 and DNS:localhost
-    std::string serverKey;    // dir/server.key
-    std::string clientCert;   // dir/client.crt, CN "rfevent-client", EKU clientAuth
-    std::string clientKey;    // dir/client.key
-    std::string otherCaCert;  // dir/other.crt, a CA that signed nothing above
-    std::string otherCaKey;   // dir/other.key
+    std::string caCert;      // dir/ca.crt
+    std::string caKey;       // dir/ca.key
+    std::string serverCert;  // dir/server.crt, SAN IP:127.0.0.1 and DNS:localhost
+    std::string serverKey;   // dir/server.key
+    std::string clientCert;  // dir/client.crt, CN "rfevent-client", EKU clientAuth
+    std::string clientKey;   // dir/client.key
+    std::string otherCaCert; // dir/other.crt, a CA that signed nothing above
+    std::string otherCaKey;  // dir/other.key
 };
 
 // Subject CN of the generated client certificate.
@@ -40,6 +40,6 @@ TestPki generateTestPki(const std::string& dir);
 // Parent folders are created; existing files are overwritten.
 void installClientCredentials(const TestPki& pki, const std::string& root, bool goodCa = true);
 
-}  // namespace rfevent::testkit
+} // namespace rfevent::testkit
 
 #endif

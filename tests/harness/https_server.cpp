@@ -21,7 +21,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kConnectionDeadline = std::chrono::seconds(30);  // whole life of one connection
+constexpr auto kConnectionDeadline = std::chrono::seconds(30); // whole life of one connection
 constexpr std::size_t kMaxHeadBytes = 64 * 1024;
 constexpr unsigned long long kMaxBodyBytes = 64ULL * 1024 * 1024;
 
@@ -31,35 +31,54 @@ bool equalsIgnoreCase(const std::string& a, const std::string& b) {
 
 std::string trimBlanks(const std::string& text) {
     const auto first = text.find_first_not_of(" \t");
-    if (first == std::string::npos) return "";
+    if (first == std::string::npos)
+        return "";
     const auto last = text.find_last_not_of(" \t");
     return text.substr(first, last - first + 1);
 }
 
 const char* reasonPhrase(int status) {
     switch (status) {
-        case 200: return "OK";
-        case 201: return "Created";
-        case 202: return "Accepted";
-        case 204: return "No Content";
-        case 301: return "Moved Permanently";
-        case 302: return "Found";
-        case 400: return "Bad Request";
-        case 401: return "Unauthorized";
-        case 403: return "Forbidden";
-        case 404: return "Not Found";
-        case 405: return "Method Not Allowed";
-        case 408: return "Request Timeout";
-        case 500: return "Internal Server Error";
-        case 502: return "Bad Gateway";
-        case 503: return "Service Unavailable";
-        case 504: return "Gateway Timeout";
-        default: return "Status";
+    case 200:
+        return "OK";
+    case 201:
+        return "Created";
+    case 202:
+        return "Accepted";
+    case 204:
+        return "No Content";
+    case 301:
+        return "Moved Permanently";
+    case 302:
+        return "Found";
+    case 400:
+        return "Bad Request";
+    case 401:
+        return "Unauthorized";
+    case 403:
+        return "Forbidden";
+    case 404:
+        return "Not Found";
+    case 405:
+        return "Method Not Allowed";
+    case 408:
+        return "Request Timeout";
+    case 500:
+        return "Internal Server Error";
+    case 502:
+        return "Bad Gateway";
+    case 503:
+        return "Service Unavailable";
+    case 504:
+        return "Gateway Timeout";
+    default:
+        return "Status";
     }
 }
 
 void closeFd(int& fd) {
-    if (fd >= 0) ::close(fd);
+    if (fd >= 0)
+        ::close(fd);
     fd = -1;
 }
 
@@ -67,16 +86,20 @@ void closeFd(int& fd) {
 // test process with SIGPIPE. Only a default disposition is changed.
 void ignoreSigpipe() {
     struct sigaction current {};
-    if (::sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL) ::signal(SIGPIPE, SIG_IGN);
+    if (::sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL)
+        ::signal(SIGPIPE, SIG_IGN);
 }
 
 std::string commonName(X509* cert) {
     X509_NAME* name = X509_get_subject_name(cert);
     const int index = X509_NAME_get_index_by_NID(name, NID_commonName, -1);
-    if (index < 0) return "";
+    if (index < 0)
+        return "";
     unsigned char* utf8 = nullptr;
-    const int length = ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, index)));
-    if (length < 0) return "";
+    const int length =
+        ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, index)));
+    if (length < 0)
+        return "";
     std::string cn(reinterpret_cast<char*>(utf8), static_cast<std::size_t>(length));
     OPENSSL_free(utf8);
     return cn;
@@ -89,14 +112,16 @@ bool parseHead(const std::string& head, RecordedRequest& out) {
     bool first = true;
     while (lineStart <= head.size()) {
         std::size_t lineEnd = head.find("\r\n", lineStart);
-        if (lineEnd == std::string::npos) lineEnd = head.size();
+        if (lineEnd == std::string::npos)
+            lineEnd = head.size();
         const std::string line = head.substr(lineStart, lineEnd - lineStart);
         lineStart = lineEnd + 2;
         if (first) {
             first = false;
             const auto sp1 = line.find(' ');
             const auto sp2 = sp1 == std::string::npos ? sp1 : line.find(' ', sp1 + 1);
-            if (sp2 == std::string::npos) return false;
+            if (sp2 == std::string::npos)
+                return false;
             out.method = line.substr(0, sp1);
             out.target = line.substr(sp1 + 1, sp2 - sp1 - 1);
             out.version = line.substr(sp2 + 1);
@@ -117,34 +142,41 @@ bool parseHead(const std::string& head, RecordedRequest& out) {
 // decimal number within kMaxBodyBytes.
 bool contentLength(const RecordedRequest& request, std::size_t& length) {
     length = 0;
-    if (!request.hasHeader("Content-Length")) return true;
+    if (!request.hasHeader("Content-Length"))
+        return true;
     const std::string text = request.header("Content-Length");
-    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 12) return false;
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos ||
+        text.size() > 12)
+        return false;
     const unsigned long long value = std::stoull(text);
-    if (value > kMaxBodyBytes) return false;
+    if (value > kMaxBodyBytes)
+        return false;
     length = static_cast<std::size_t>(value);
     return true;
 }
 
-}  // namespace
+} // namespace
 
 std::string RecordedRequest::header(const std::string& name) const {
     for (const auto& [key, value] : headers) {
-        if (equalsIgnoreCase(key, name)) return value;
+        if (equalsIgnoreCase(key, name))
+            return value;
     }
     return "";
 }
 
 bool RecordedRequest::hasHeader(const std::string& name) const {
     for (const auto& field : headers) {
-        if (equalsIgnoreCase(field.first, name)) return true;
+        if (equalsIgnoreCase(field.first, name))
+            return true;
     }
     return false;
 }
 
 bool RecordedRequest::hasHeaderLine(const std::string& line) const {
     for (const auto& raw : headerLines) {
-        if (raw == line) return true;
+        if (raw == line)
+            return true;
     }
     return false;
 }
@@ -153,7 +185,8 @@ HttpsServer::HttpsServer(const TestPki& pki, HttpsServerOptions options)
     : options_(options), status_(options.status), delayMs_(options.delayMs) {
     ignoreSigpipe();
     int wake[2];
-    if (::pipe2(wake, O_CLOEXEC) != 0) throw std::runtime_error("https server: pipe2 failed");
+    if (::pipe2(wake, O_CLOEXEC) != 0)
+        throw std::runtime_error("https server: pipe2 failed");
     wakeRead_ = wake[0];
     wakeWrite_ = wake[1];
     try {
@@ -166,14 +199,18 @@ HttpsServer::HttpsServer(const TestPki& pki, HttpsServerOptions options)
     }
 }
 
-HttpsServer::~HttpsServer() { stop(); }
+HttpsServer::~HttpsServer() {
+    stop();
+}
 
 void HttpsServer::setUpTls(const TestPki& pki) {
     ctx_ = SSL_CTX_new(TLS_server_method());
-    if (ctx_ == nullptr) throw std::runtime_error("https server: SSL_CTX_new failed");
+    if (ctx_ == nullptr)
+        throw std::runtime_error("https server: SSL_CTX_new failed");
     if (SSL_CTX_use_certificate_chain_file(ctx_, pki.serverCert.c_str()) != 1 ||
         SSL_CTX_use_PrivateKey_file(ctx_, pki.serverKey.c_str(), SSL_FILETYPE_PEM) != 1 ||
-        SSL_CTX_check_private_key(ctx_) != 1 || SSL_CTX_load_verify_locations(ctx_, pki.caCert.c_str(), nullptr) != 1) {
+        SSL_CTX_check_private_key(ctx_) != 1 ||
+        SSL_CTX_load_verify_locations(ctx_, pki.caCert.c_str(), nullptr) != 1) {
         ERR_clear_error();
         throw std::runtime_error("https server: cannot load server credentials from " + pki.dir);
     }
@@ -188,13 +225,14 @@ void HttpsServer::setUpTls(const TestPki& pki) {
         // still recorded per request.
         SSL_CTX_set_verify(ctx_, SSL_VERIFY_PEER, [](int, X509_STORE_CTX*) { return 1; });
     }
-    SSL_CTX_set_num_tickets(ctx_, 0);  // one request per connection: tickets are useless
+    SSL_CTX_set_num_tickets(ctx_, 0); // one request per connection: tickets are useless
     SSL_CTX_set_session_cache_mode(ctx_, SSL_SESS_CACHE_OFF);
 }
 
 void HttpsServer::setUpListener() {
     listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (listenFd_ < 0) throw std::runtime_error("https server: socket failed");
+    if (listenFd_ < 0)
+        throw std::runtime_error("https server: socket failed");
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -203,7 +241,8 @@ void HttpsServer::setUpListener() {
     if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(listenFd_, 128) != 0 ||
         ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        throw std::runtime_error(std::string("https server: listen failed: ") + std::strerror(errno));
+        throw std::runtime_error(std::string("https server: listen failed: ") +
+                                 std::strerror(errno));
     }
     port_ = ntohs(address.sin_port);
 }
@@ -217,12 +256,15 @@ void HttpsServer::releaseResources() {
 }
 
 void HttpsServer::stop() {
-    if (stopped_) return;
+    if (stopped_)
+        return;
     stopped_ = true;
     const char byte = 1;
     // One byte in an otherwise empty pipe: cannot fail while we hold the read end.
-    if (::write(wakeWrite_, &byte, 1) != 1) std::abort();
-    if (acceptThread_.joinable()) acceptThread_.join();
+    if (::write(wakeWrite_, &byte, 1) != 1)
+        std::abort();
+    if (acceptThread_.joinable())
+        acceptThread_.join();
     joinFinished(true);
     releaseResources();
 }
@@ -256,7 +298,8 @@ void HttpsServer::clear() {
 
 int HttpsServer::closedLoopbackPort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) throw std::runtime_error("closedLoopbackPort: socket failed");
+    if (fd < 0)
+        throw std::runtime_error("closedLoopbackPort: socket failed");
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -264,7 +307,8 @@ int HttpsServer::closedLoopbackPort() {
     const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
                     ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
     ::close(fd);
-    if (!ok) throw std::runtime_error("closedLoopbackPort: bind failed");
+    if (!ok)
+        throw std::runtime_error("closedLoopbackPort: bind failed");
     return ntohs(address.sin_port);
 }
 
@@ -276,16 +320,21 @@ void HttpsServer::acceptLoop() {
         const bool full = live_.load(std::memory_order_relaxed) >= kMaxLiveConnections;
         pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {listenFd_, POLLIN, 0}};
         const int ready = ::poll(fds, full ? 1 : 2, full ? 10 : -1);
-        if (ready < 0 && errno != EINTR) return;
-        if (fds[0].revents != 0) return;
-        if (full || ready <= 0 || (fds[1].revents & POLLIN) == 0) continue;
+        if (ready < 0 && errno != EINTR)
+            return;
+        if (fds[0].revents != 0)
+            return;
+        if (full || ready <= 0 || (fds[1].revents & POLLIN) == 0)
+            continue;
 
         const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (fd < 0) continue;  // EAGAIN or a client that gave up already
+        if (fd < 0)
+            continue; // EAGAIN or a client that gave up already
         connectionsAccepted_.fetch_add(1, std::memory_order_relaxed);
         const int nowLive = live_.fetch_add(1, std::memory_order_relaxed) + 1;
         int peak = peakLive_.load(std::memory_order_relaxed);
-        while (nowLive > peak && !peakLive_.compare_exchange_weak(peak, nowLive, std::memory_order_relaxed)) {
+        while (nowLive > peak &&
+               !peakLive_.compare_exchange_weak(peak, nowLive, std::memory_order_relaxed)) {
         }
         auto done = std::make_shared<std::atomic<bool>>(false);
         try {
@@ -316,13 +365,18 @@ void HttpsServer::joinFinished(bool all) {
 // Waits until `fd` is ready for `events`. False on stop() or at the deadline.
 bool HttpsServer::waitIo(int fd, short events, Clock::time_point deadline) const {
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0) return false;
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0)
+            return false;
         pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {fd, events, 0}};
         const int ready = ::poll(fds, 2, static_cast<int>(left));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready < 0 || fds[0].revents != 0) return false;
-        if (fds[1].revents != 0) return true;  // readiness, hang-up or error: the next call tells which
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready < 0 || fds[0].revents != 0)
+            return false;
+        if (fds[1].revents != 0)
+            return true; // readiness, hang-up or error: the next call tells which
     }
 }
 
@@ -330,12 +384,16 @@ bool HttpsServer::waitIo(int fd, short events, Clock::time_point deadline) const
 bool HttpsServer::pause(int delayMs) const {
     const auto deadline = Clock::now() + std::chrono::milliseconds(delayMs);
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0) return true;
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0)
+            return true;
         pollfd wake{wakeRead_, POLLIN, 0};
         const int ready = ::poll(&wake, 1, static_cast<int>(left));
-        if (ready > 0) return false;
-        if (ready < 0 && errno != EINTR) return false;
+        if (ready > 0)
+            return false;
+        if (ready < 0 && errno != EINTR)
+            return false;
     }
 }
 
@@ -346,22 +404,29 @@ int HttpsServer::driveSsl(SSL* ssl, int fd, Clock::time_point deadline, Op op) c
     for (;;) {
         ERR_clear_error();
         const int result = op();
-        if (result > 0) return result;
+        if (result > 0)
+            return result;
         switch (SSL_get_error(ssl, result)) {
-            case SSL_ERROR_WANT_READ:
-                if (!waitIo(fd, POLLIN, deadline)) return -1;
-                break;
-            case SSL_ERROR_WANT_WRITE:
-                if (!waitIo(fd, POLLOUT, deadline)) return -1;
-                break;
-            case SSL_ERROR_ZERO_RETURN: return 0;
-            default: return -1;
+        case SSL_ERROR_WANT_READ:
+            if (!waitIo(fd, POLLIN, deadline))
+                return -1;
+            break;
+        case SSL_ERROR_WANT_WRITE:
+            if (!waitIo(fd, POLLOUT, deadline))
+                return -1;
+            break;
+        case SSL_ERROR_ZERO_RETURN:
+            return 0;
+        default:
+            return -1;
         }
     }
 }
 
-bool HttpsServer::writeAll(SSL* ssl, int fd, Clock::time_point deadline, const std::string& data) const {
-    return driveSsl(ssl, fd, deadline, [&] { return SSL_write(ssl, data.data(), static_cast<int>(data.size())); }) > 0;
+bool HttpsServer::writeAll(SSL* ssl, int fd, Clock::time_point deadline,
+                           const std::string& data) const {
+    return driveSsl(ssl, fd, deadline,
+                    [&] { return SSL_write(ssl, data.data(), static_cast<int>(data.size())); }) > 0;
 }
 
 // Reads head and body of one request. Sends "100 Continue" when the client
@@ -370,25 +435,31 @@ bool HttpsServer::readRequest(SSL* ssl, int fd, Clock::time_point deadline, Reco
     std::string data;
     char buffer[16384];
     auto readMore = [&] {
-        const int n = driveSsl(ssl, fd, deadline, [&] { return SSL_read(ssl, buffer, sizeof buffer); });
-        if (n > 0) data.append(buffer, static_cast<std::size_t>(n));
+        const int n =
+            driveSsl(ssl, fd, deadline, [&] { return SSL_read(ssl, buffer, sizeof buffer); });
+        if (n > 0)
+            data.append(buffer, static_cast<std::size_t>(n));
         return n > 0;
     };
 
     std::size_t headEnd;
     while ((headEnd = data.find("\r\n\r\n")) == std::string::npos) {
-        if (data.size() > kMaxHeadBytes || !readMore()) return false;
+        if (data.size() > kMaxHeadBytes || !readMore())
+            return false;
     }
     std::size_t length = 0;
-    if (!parseHead(data.substr(0, headEnd), out) || !contentLength(out, length)) return false;
+    if (!parseHead(data.substr(0, headEnd), out) || !contentLength(out, length))
+        return false;
 
     const std::size_t bodyStart = headEnd + 4;
-    if (data.size() - bodyStart < length && equalsIgnoreCase(out.header("Expect"), "100-continue") &&
+    if (data.size() - bodyStart < length &&
+        equalsIgnoreCase(out.header("Expect"), "100-continue") &&
         !writeAll(ssl, fd, deadline, "HTTP/1.1 100 Continue\r\n\r\n")) {
         return false;
     }
     while (data.size() - bodyStart < length) {
-        if (!readMore()) return false;
+        if (!readMore())
+            return false;
     }
     out.body = data.substr(bodyStart, length);
     out.receivedAt = Clock::now();
@@ -432,11 +503,11 @@ void HttpsServer::serveConnection(int fd) {
                              "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
             }
         }
-        SSL_shutdown(ssl);  // send our close_notify; the peer's is not awaited
+        SSL_shutdown(ssl); // send our close_notify; the peer's is not awaited
     }
     SSL_free(ssl);
     ::close(fd);
     ERR_clear_error();
 }
 
-}  // namespace rfevent::testkit
+} // namespace rfevent::testkit

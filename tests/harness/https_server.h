@@ -28,16 +28,17 @@
 namespace rfevent::testkit {
 
 struct HttpsServerOptions {
-    bool requireClientCert = true;  // handshake fails without a client certificate signed by the test CA
-    int status = 200;               // status of every answer; see HttpsServer::setStatus
-    int delayMs = 0;                // pause between reading a request and answering it
+    bool requireClientCert =
+        true;         // handshake fails without a client certificate signed by the test CA
+    int status = 200; // status of every answer; see HttpsServer::setStatus
+    int delayMs = 0;  // pause between reading a request and answering it
 };
 
 // One received request, exactly as it arrived.
 struct RecordedRequest {
-    std::string method;   // "POST"
-    std::string target;   // request target, e.g. "/events?x=1"
-    std::string version;  // "HTTP/1.1"
+    std::string method;  // "POST"
+    std::string target;  // request target, e.g. "/events?x=1"
+    std::string version; // "HTTP/1.1"
     // Header fields in arrival order. The name is the exact bytes before the
     // first ':'; the value is the bytes after it with surrounding blanks
     // (space, tab) removed.
@@ -45,11 +46,11 @@ struct RecordedRequest {
     // The same fields as whole raw lines without the CRLF, e.g. "X-Auth:abc";
     // headerLines[i] belongs to headers[i].
     std::vector<std::string> headerLines;
-    std::string body;  // exact bytes, Content-Length of them
+    std::string body; // exact bytes, Content-Length of them
     bool clientCertPresented = false;
-    bool clientCertVerified = false;  // presented and verified against the test CA
-    std::string clientCn;             // subject CN of the client certificate, if any
-    std::chrono::steady_clock::time_point receivedAt;  // when the body was complete
+    bool clientCertVerified = false; // presented and verified against the test CA
+    std::string clientCn;            // subject CN of the client certificate, if any
+    std::chrono::steady_clock::time_point receivedAt; // when the body was complete
 
     // Value of the first header whose name matches case-insensitively, or ""
     // when there is none.
@@ -60,7 +61,7 @@ struct RecordedRequest {
 };
 
 class HttpsServer {
-public:
+  public:
     static constexpr int kMaxLiveConnections = 64;
 
     // Starts listening and serving at once. Throws std::runtime_error when
@@ -82,7 +83,7 @@ public:
     void setStatus(int status) { status_.store(status, std::memory_order_relaxed); }
     void setDelayMs(int delayMs) { delayMs_.store(delayMs, std::memory_order_relaxed); }
 
-    std::vector<RecordedRequest> requests() const;  // snapshot, arrival order
+    std::vector<RecordedRequest> requests() const; // snapshot, arrival order
     std::size_t requestCount() const;
     // Waits until at least `count` requests were recorded.
     bool waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const;
@@ -101,7 +102,7 @@ public:
     // stand for an absent destination.
     static int closedLoopbackPort();
 
-private:
+  private:
     struct Connection {
         std::thread thread;
         std::shared_ptr<std::atomic<bool>> done;
@@ -118,16 +119,18 @@ private:
     bool pause(int delayMs) const;
     template <typename Op>
     int driveSsl(SSL* ssl, int fd, std::chrono::steady_clock::time_point deadline, Op op) const;
-    bool readRequest(SSL* ssl, int fd, std::chrono::steady_clock::time_point deadline, RecordedRequest& out);
-    bool writeAll(SSL* ssl, int fd, std::chrono::steady_clock::time_point deadline, const std::string& data) const;
+    bool readRequest(SSL* ssl, int fd, std::chrono::steady_clock::time_point deadline,
+                     RecordedRequest& out);
+    bool writeAll(SSL* ssl, int fd, std::chrono::steady_clock::time_point deadline,
+                  const std::string& data) const;
 
     HttpsServerOptions options_;
     SSL_CTX* ctx_ = nullptr;
     int listenFd_ = -1;
-    int wakeRead_ = -1;  // readable once stop() was called
+    int wakeRead_ = -1; // readable once stop() was called
     int wakeWrite_ = -1;
     int port_ = 0;
-    bool stopped_ = false;  // only touched by the owning thread
+    bool stopped_ = false; // only touched by the owning thread
 
     std::atomic<int> status_;
     std::atomic<int> delayMs_;
@@ -141,9 +144,9 @@ private:
     std::vector<RecordedRequest> requests_;
 
     std::thread acceptThread_;
-    std::vector<Connection> connections_;  // only touched by the accept thread, then by stop()
+    std::vector<Connection> connections_; // only touched by the accept thread, then by stop()
 };
 
-}  // namespace rfevent::testkit
+} // namespace rfevent::testkit
 
 #endif

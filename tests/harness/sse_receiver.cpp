@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -19,12 +20,21 @@ namespace {
 
 constexpr const char* kIdMarker = "<id:";
 constexpr const char* kEndMarker = "<END>";
-constexpr auto kPieceIdleLimit = std::chrono::seconds(10);  // a client that never closes
+constexpr std::size_t kPieceSize = 4096; // most message bytes the product puts in one piece
+constexpr auto kPieceIdleLimit = std::chrono::seconds(10); // a client that never closes
 
-bool startsWith(const std::string& text, const std::string& head) { return text.compare(0, head.size(), head) == 0; }
+bool startsWith(const std::string& text, const std::string& head) {
+    return text.compare(0, head.size(), head) == 0;
+}
+
+bool endsWith(const std::string& text, const std::string& tail) {
+    return text.size() >= tail.size() &&
+           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
 
 void closeFd(int& fd) {
-    if (fd >= 0) ::close(fd);
+    if (fd >= 0)
+        ::close(fd);
     fd = -1;
 }
 
@@ -32,7 +42,7 @@ void closeFd(int& fd) {
     throw std::runtime_error("sse receiver: " + what + ": " + std::strerror(errno));
 }
 
-}  // namespace
+} // namespace
 
 std::string ssePrefix(const std::string& message) {
     const auto at = message.find(kIdMarker);
@@ -40,67 +50,88 @@ std::string ssePrefix(const std::string& message) {
 }
 
 std::vector<SseMessage> reassembleSsePieces(const std::vector<std::string>& pieces) {
+    struct Open {
+        std::size_t index; // into messages
+        bool expectsMore;  // the last data piece was full, so data may follow
+    };
     std::vector<SseMessage> messages;
-    std::vector<std::size_t> open;  // indexes into messages, not yet ended
+    std::vector<Open> open;
 
-    for (const std::string& piece : pieces) {
-        const bool hasId = piece.find(kIdMarker) != std::string::npos;
-        // The open message with the longest key that heads this piece. An
-        // empty key would head every piece, so it only takes pieces without
-        // a marker of their own.
+    // The open message that can continue and whose key heads `piece`; the
+    // longest key wins.
+    auto findContinuable = [&](const std::string& piece) {
         auto best = open.end();
         for (auto it = open.begin(); it != open.end(); ++it) {
-            const std::string& key = messages[*it].key;
-            if ((key.empty() && hasId) || !startsWith(piece, key)) continue;
-            if (best == open.end() || key.size() > messages[*best].key.size()) best = it;
+            const std::string& key = messages[it->index].key;
+            if (!it->expectsMore || !startsWith(piece, key))
+                continue;
+            if (best == open.end() || key.size() > messages[best->index].key.size())
+                best = it;
         }
-        if (best != open.end()) {
-            SseMessage& message = messages[*best];
-            const std::string rest = piece.substr(message.key.size());
-            if (rest == kEndMarker) {
-                message.complete = true;
-                open.erase(best);
+        return best;
+    };
+
+    for (const std::string& piece : pieces) {
+        if (endsWith(piece, kEndMarker)) {
+            const std::string key = piece.substr(0, piece.size() - std::strlen(kEndMarker));
+            auto it = std::find_if(open.begin(), open.end(),
+                                   [&](const Open& o) { return messages[o.index].key == key; });
+            if (it != open.end()) {
+                messages[it->index].complete = true;
+                open.erase(it);
                 continue;
             }
-            if (!startsWith(rest, kIdMarker)) {
-                message.text += rest;
+            if (key.find(kIdMarker) == std::string::npos) {
+                messages.push_back({key, "", true}); // an end marker with no data before it
                 continue;
             }
-            open.erase(best);  // same key, new message: the old one lost its end
         }
-        const std::string endMarker = kEndMarker;
-        if (!hasId && piece.size() >= endMarker.size() &&
-            piece.compare(piece.size() - endMarker.size(), endMarker.size(), endMarker) == 0) {
-            messages.push_back({piece.substr(0, piece.size() - endMarker.size()), "", true});
+        auto it = piece.find(kIdMarker) == std::string::npos ? findContinuable(piece) : open.end();
+        if (it != open.end()) {
+            const std::size_t dataSize = piece.size() - messages[it->index].key.size();
+            messages[it->index].text += piece.substr(messages[it->index].key.size());
+            it->expectsMore = dataSize == kPieceSize;
             continue;
         }
-        messages.push_back({ssePrefix(piece), piece, false});
-        open.push_back(messages.size() - 1);
+        const std::string key = ssePrefix(piece);
+        open.erase(std::remove_if(open.begin(), open.end(),
+                                  [&](const Open& o) { return messages[o.index].key == key; }),
+                   open.end()); // same key again: the older message lost its end
+        messages.push_back({key, piece, false});
+        open.push_back({messages.size() - 1, piece.size() == kPieceSize});
     }
     return messages;
 }
 
 SseReceiver::SseReceiver(SseReceiverOptions options) {
     int wake[2];
-    if (::pipe2(wake, O_CLOEXEC) != 0) failWithErrno("pipe2");
+    if (::pipe2(wake, O_CLOEXEC) != 0)
+        failWithErrno("pipe2");
     wakeRead_ = wake[0];
     wakeWrite_ = wake[1];
     try {
-        if (!options.fifoPath.empty()) openFifo(options.fifoPath);
-        if (options.port >= 0) openListener(options.port);
-        if (fifoFd_ >= 0) fifoThread_ = std::thread([this] { fifoLoop(); });
-        if (listenFd_ >= 0) socketThread_ = std::thread([this] { socketLoop(); });
+        if (!options.fifoPath.empty())
+            openFifo(options.fifoPath);
+        if (options.port >= 0)
+            openListener(options.port);
+        if (fifoFd_ >= 0)
+            fifoThread_ = std::thread([this] { fifoLoop(); });
+        if (listenFd_ >= 0)
+            socketThread_ = std::thread([this] { socketLoop(); });
     } catch (...) {
         stop();
         throw;
     }
 }
 
-SseReceiver::~SseReceiver() { stop(); }
+SseReceiver::~SseReceiver() {
+    stop();
+}
 
 int SseReceiver::portFromEnvironment() {
     const char* text = std::getenv("RFEVENT_SSE_PORT");
-    if (text == nullptr || *text == '\0') throw std::runtime_error("RFEVENT_SSE_PORT is not set");
+    if (text == nullptr || *text == '\0')
+        throw std::runtime_error("RFEVENT_SSE_PORT is not set");
     char* end = nullptr;
     const long port = std::strtol(text, &end, 10);
     if (*end != '\0' || port <= 0 || port > 65535) {
@@ -113,20 +144,24 @@ int SseReceiver::portFromEnvironment() {
 // writing too: with a writer always present the read end never reports a
 // hang-up between the product's short-lived writers.
 void SseReceiver::openFifo(const std::string& path) {
-    if (::mkfifo(path.c_str(), 0660) != 0 && errno != EEXIST) failWithErrno("mkfifo " + path);
+    if (::mkfifo(path.c_str(), 0660) != 0 && errno != EEXIST)
+        failWithErrno("mkfifo " + path);
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0 || !S_ISFIFO(info.st_mode)) {
         throw std::runtime_error("sse receiver: not a FIFO: " + path);
     }
     fifoFd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fifoFd_ < 0) failWithErrno("open " + path);
+    if (fifoFd_ < 0)
+        failWithErrno("open " + path);
     fifoKeepAliveFd_ = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fifoKeepAliveFd_ < 0) failWithErrno("open for writing " + path);
+    if (fifoKeepAliveFd_ < 0)
+        failWithErrno("open for writing " + path);
 }
 
 void SseReceiver::openListener(int port) {
     listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (listenFd_ < 0) failWithErrno("socket");
+    if (listenFd_ < 0)
+        failWithErrno("socket");
     const int on = 1;
     ::setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};
@@ -153,13 +188,17 @@ void SseReceiver::releaseResources() {
 }
 
 void SseReceiver::stop() {
-    if (stopped_) return;
+    if (stopped_)
+        return;
     stopped_ = true;
     const char byte = 1;
     // One byte in an otherwise empty pipe: cannot fail while we hold the read end.
-    if (wakeWrite_ >= 0 && ::write(wakeWrite_, &byte, 1) != 1) std::abort();
-    if (fifoThread_.joinable()) fifoThread_.join();
-    if (socketThread_.joinable()) socketThread_.join();
+    if (wakeWrite_ >= 0 && ::write(wakeWrite_, &byte, 1) != 1)
+        std::abort();
+    if (fifoThread_.joinable())
+        fifoThread_.join();
+    if (socketThread_.joinable())
+        socketThread_.join();
     releaseResources();
 }
 
@@ -167,11 +206,14 @@ void SseReceiver::fifoLoop() {
     for (;;) {
         pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {fifoFd_, POLLIN, 0}};
         const int ready = ::poll(fds, 2, -1);
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready < 0 || fds[0].revents != 0) break;
-        if (fds[1].revents != 0) drainFifo();
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready < 0 || fds[0].revents != 0)
+            break;
+        if (fds[1].revents != 0)
+            drainFifo();
     }
-    drainFifo();  // whatever was written before stop()
+    drainFifo(); // whatever was written before stop()
 }
 
 // Reads everything the FIFO holds now and splits off complete messages.
@@ -179,8 +221,10 @@ void SseReceiver::drainFifo() {
     char buffer[65536];
     for (;;) {
         const ssize_t n = ::read(fifoFd_, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;  // EAGAIN: drained
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return; // EAGAIN: drained
         {
             std::lock_guard<std::mutex> lock(mutex_);
             fifoBytes_.append(buffer, static_cast<std::size_t>(n));
@@ -199,10 +243,13 @@ void SseReceiver::socketLoop() {
     for (;;) {
         pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {listenFd_, POLLIN, 0}};
         const int ready = ::poll(fds, 2, -1);
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready < 0 || fds[0].revents != 0) return;
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready < 0 || fds[0].revents != 0)
+            return;
         const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (fd < 0) continue;
+        if (fd < 0)
+            continue;
         std::string piece = readPiece(fd);
         ::close(fd);
         {
@@ -219,17 +266,23 @@ std::string SseReceiver::readPiece(int fd) const {
     char buffer[16384];
     for (;;) {
         pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {fd, POLLIN, 0}};
-        const int ready = ::poll(fds, 2, static_cast<int>(std::chrono::milliseconds(kPieceIdleLimit).count()));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready <= 0) return piece;
+        const int ready =
+            ::poll(fds, 2, static_cast<int>(std::chrono::milliseconds(kPieceIdleLimit).count()));
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            return piece;
         if (fds[1].revents != 0) {
             const ssize_t n = ::read(fd, buffer, sizeof buffer);
-            if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-            if (n <= 0) return piece;
+            if (n < 0 && (errno == EINTR || errno == EAGAIN))
+                continue;
+            if (n <= 0)
+                return piece;
             piece.append(buffer, static_cast<std::size_t>(n));
             continue;
         }
-        if (fds[0].revents != 0) return piece;
+        if (fds[0].revents != 0)
+            return piece;
     }
 }
 
@@ -266,4 +319,4 @@ void SseReceiver::clear() {
     pieces_.clear();
 }
 
-}  // namespace rfevent::testkit
+} // namespace rfevent::testkit

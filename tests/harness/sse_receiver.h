@@ -24,35 +24,38 @@ namespace rfevent::testkit {
 
 // One message rebuilt from socket pieces.
 struct SseMessage {
-    std::string key;        // the message prefix: its text before the first "<id:"
-    std::string text;       // first piece + every later piece without its repeated prefix
-    bool complete = false;  // the end marker key + "<END>" was seen
+    std::string key;       // the message prefix: its text before the first "<id:"
+    std::string text;      // first piece + every later piece without its repeated prefix
+    bool complete = false; // the end marker key + "<END>" was seen
 };
 
 // Text before the first "<id:", or the whole text when there is none.
 std::string ssePrefix(const std::string& message);
 
 // Rebuilds messages from pieces in arrival order; pieces of different
-// messages may interleave. Rules:
-//  - a piece that starts with the key of a message still open is that
-//    message's end marker (rest is exactly "<END>") or a continuation (rest
-//    appended; a rest of "" is the extra piece sent for lengths that are an
-//    exact multiple of the piece size);
-//  - a piece "key<END>" without an open message of that key is a message
-//    with no data: {key, "", complete};
-//  - anything else starts a new message keyed by ssePrefix(piece); a new
-//    message with the key of an open one leaves the older one incomplete.
-// A message whose first piece lacks "<id:" is keyed by that whole piece, so
-// only such messages of a single piece are rebuilt correctly.
+// messages may interleave. The product puts at most 4096 message bytes in a
+// piece, so only a message whose last data piece was full can continue.
+// Rules, in this order:
+//  - "key<END>" ends the open message with that key; without one, and when
+//    the key holds no "<id:", it is a message with no data: {key, "", true};
+//  - a piece without "<id:" headed by the key of an open message that can
+//    continue (longest key wins) is a continuation: the rest is appended. A
+//    rest of "" is the extra piece sent for lengths that are an exact
+//    multiple of 4096;
+//  - anything else starts a new message keyed by ssePrefix(piece); an open
+//    message with the same key is left incomplete.
+// Limits: continuation data must not hold "<id:", and a message whose first
+// piece lacks "<id:" is keyed by that whole piece, so only such messages of
+// a single piece are rebuilt correctly.
 std::vector<SseMessage> reassembleSsePieces(const std::vector<std::string>& pieces);
 
 struct SseReceiverOptions {
-    std::string fifoPath;  // empty: no FIFO channel
-    int port = -1;         // -1: no socket channel; 0: an ephemeral port
+    std::string fifoPath; // empty: no FIFO channel
+    int port = -1;        // -1: no socket channel; 0: an ephemeral port
 };
 
 class SseReceiver {
-public:
+  public:
     // Starts the requested channels. Throws std::runtime_error when the FIFO
     // cannot be created/opened or the port cannot be bound.
     explicit SseReceiver(SseReceiverOptions options);
@@ -68,18 +71,18 @@ public:
     // Throws std::runtime_error when it is unset or not a port number.
     static int portFromEnvironment();
 
-    int port() const { return port_; }  // bound port, -1 without a socket channel
+    int port() const { return port_; } // bound port, -1 without a socket channel
 
-    std::string fifoBytes() const;                  // everything read from the FIFO
-    std::vector<std::string> fifoMessages() const;  // NUL-terminated messages, NUL removed
-    std::vector<std::string> pieces() const;        // socket pieces in arrival order
+    std::string fifoBytes() const;                 // everything read from the FIFO
+    std::vector<std::string> fifoMessages() const; // NUL-terminated messages, NUL removed
+    std::vector<std::string> pieces() const;       // socket pieces in arrival order
     std::vector<SseMessage> messages() const { return reassembleSsePieces(pieces()); }
 
     bool waitForFifoMessages(std::size_t count, std::chrono::milliseconds timeout) const;
     bool waitForPieces(std::size_t count, std::chrono::milliseconds timeout) const;
-    void clear();  // forgets everything recorded so far
+    void clear(); // forgets everything recorded so far
 
-private:
+  private:
     void openFifo(const std::string& path);
     void openListener(int port);
     void releaseResources();
@@ -89,24 +92,24 @@ private:
     std::string readPiece(int fd) const;
 
     int fifoFd_ = -1;
-    int fifoKeepAliveFd_ = -1;  // our own writer, so the reader never sees a hang-up
+    int fifoKeepAliveFd_ = -1; // our own writer, so the reader never sees a hang-up
     int listenFd_ = -1;
-    int wakeRead_ = -1;  // readable once stop() was called
+    int wakeRead_ = -1; // readable once stop() was called
     int wakeWrite_ = -1;
     int port_ = -1;
-    bool stopped_ = false;  // only touched by the owning thread
+    bool stopped_ = false; // only touched by the owning thread
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::string fifoBytes_;
     std::vector<std::string> fifoMessages_;
-    std::size_t fifoSplitAt_ = 0;  // fifoBytes_ before this offset is split into messages
+    std::size_t fifoSplitAt_ = 0; // fifoBytes_ before this offset is split into messages
     std::vector<std::string> pieces_;
 
     std::thread fifoThread_;
     std::thread socketThread_;
 };
 
-}  // namespace rfevent::testkit
+} // namespace rfevent::testkit
 
 #endif

@@ -21,14 +21,17 @@ using KeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 CertPtr loadCert(const std::string& path) {
     FILE* file = std::fopen(path.c_str(), "r");
     X509* cert = file != nullptr ? PEM_read_X509(file, nullptr, nullptr, nullptr) : nullptr;
-    if (file != nullptr) std::fclose(file);
+    if (file != nullptr)
+        std::fclose(file);
     return CertPtr(cert, X509_free);
 }
 
 KeyPtr loadKey(const std::string& path) {
     FILE* file = std::fopen(path.c_str(), "r");
-    EVP_PKEY* key = file != nullptr ? PEM_read_PrivateKey(file, nullptr, nullptr, nullptr) : nullptr;
-    if (file != nullptr) std::fclose(file);
+    EVP_PKEY* key =
+        file != nullptr ? PEM_read_PrivateKey(file, nullptr, nullptr, nullptr) : nullptr;
+    if (file != nullptr)
+        std::fclose(file);
     return KeyPtr(key, EVP_PKEY_free);
 }
 
@@ -40,7 +43,8 @@ bool verifies(X509* leaf, const std::string& caPath, int purpose) {
     X509_STORE_CTX* ctx = X509_STORE_CTX_new();
     bool ok = false;
     if (ca && store != nullptr && ctx != nullptr && X509_STORE_add_cert(store, ca.get()) == 1 &&
-        X509_STORE_CTX_init(ctx, store, leaf, nullptr) == 1 && X509_STORE_CTX_set_purpose(ctx, purpose) == 1) {
+        X509_STORE_CTX_init(ctx, store, leaf, nullptr) == 1 &&
+        X509_STORE_CTX_set_purpose(ctx, purpose) == 1) {
         ok = X509_verify_cert(ctx) == 1;
     }
     X509_STORE_CTX_free(ctx);
@@ -54,13 +58,16 @@ std::string subjectCn(X509* cert) {
     return cn;
 }
 
-TestPki pki() { return generateTestPki(rooted("/pki")); }
+TestPki pki() {
+    return generateTestPki(rooted("/pki"));
+}
 
 TEST(TestPkiTest, WritesAllFilesIntoTheFolder) {
     const TestPki files = pki();
     EXPECT_EQ(files.dir, rooted("/pki"));
-    for (const std::string& path : {files.caCert, files.caKey, files.serverCert, files.serverKey, files.clientCert,
-                                    files.clientKey, files.otherCaCert, files.otherCaKey}) {
+    for (const std::string& path :
+         {files.caCert, files.caKey, files.serverCert, files.serverKey, files.clientCert,
+          files.clientKey, files.otherCaCert, files.otherCaKey}) {
         EXPECT_TRUE(fileExists(path)) << path;
         EXPECT_EQ(readFile(path).rfind("-----BEGIN ", 0), 0u) << path;
     }
@@ -125,7 +132,8 @@ TEST(TestPkiTest, InstallsClientCredentialsAtTheProductPaths) {
     EXPECT_EQ(readFile(rooted("/etc/certs/pubkey/https_server_ca.crt")), readFile(files.caCert));
 
     installClientCredentials(files, sandboxRoot(), false);
-    EXPECT_EQ(readFile(rooted("/etc/certs/pubkey/https_server_ca.crt")), readFile(files.otherCaCert));
+    EXPECT_EQ(readFile(rooted("/etc/certs/pubkey/https_server_ca.crt")),
+              readFile(files.otherCaCert));
 }
 
 TEST(TestPkiTest, InstallCreatesMissingFolders) {
@@ -137,5 +145,5 @@ TEST(TestPkiTest, InstallCreatesMissingFolders) {
     EXPECT_TRUE(fileExists(root + "/etc/certs/pubkey/https_server_ca.crt"));
 }
 
-}  // namespace
-}  // namespace rfevent::testkit
+} // namespace
+} // namespace rfevent::testkit
