@@ -1,6 +1,7 @@
 #include "frame/lifecycle.h"
 
 #include <curl/curl.h>
+#include <dlfcn.h>
 
 #include "platform/log.h"
 #include "rfevent/redfish_event.h"
@@ -45,6 +46,21 @@ int startInvalidDest1(ThreadSlot* slot) { return createInto(slot, InvalidDestHan
 
 int startInvalidDest2(ThreadSlot* slot) { return createInto(slot, InvalidDestHandlingThread2); }
 
+// Once worker threads run the library's code, the library must stay mapped: a later dlclose by
+// the host would otherwise pull the code from under them. Re-opening ourselves with
+// RTLD_NODELETE pins the library; before the threads start, unloading works as usual.
+void pinLibraryInMemory() {
+    Dl_info info;
+    if (dladdr(reinterpret_cast<void*>(&pinLibraryInMemory), &info) == 0 ||
+        info.dli_fname == nullptr) {
+        return;
+    }
+    void* self = dlopen(info.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
+    if (self != nullptr) {
+        dlclose(self);  // drops the extra reference; the NODELETE mark stays
+    }
+}
+
 }  // namespace
 
 const ThreadStartFn g_threadTable[kThreadCount] = {
@@ -84,6 +100,7 @@ RFEVENT_API void RedfishEventPluginCleanup(void) {
 
 RFEVENT_API void Redfish_telemetry_init(void) {
     try {
+        rfevent::pinLibraryInMemory();
         rfevent::startThreadTable(rfevent::g_threadTable, rfevent::g_threadSlots,
                                   rfevent::kThreadCount);
     } catch (...) {
