@@ -1,23 +1,109 @@
 #include "subscriptions/invalid_dest.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
-// Placeholder thread bodies: they park until their subsystem lands.
-void* InvalidDestHandlingThread1(void* unused) {
-    (void)unused;
-    for (;;) {
-        sleep(3600);
-    }
-}
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <exception>
+#include <fstream>
 
-void* InvalidDestHandlingThread2(void* unused) {
-    (void)unused;
-    for (;;) {
-        sleep(3600);
-    }
-}
+#include "delivery/single_post.h"
+#include "platform/log.h"
+#include "platform/paths.h"
+#include "rfevent/redfish_event.h"
+#include "subscriptions/store.h"
+
+using rfevent::kLogDebug;
+using rfevent::kLogError;
+using rfevent::kLogInfo;
 
 namespace rfevent {
+
+namespace {
+
+constexpr unsigned kDrainPeriodSeconds = 2;
+constexpr unsigned kProbePeriodSeconds = 60;
+
+// Takes the front record and the first queued name under the mutex; null when the queue is
+// empty.
+InvalidDestinationRecord* takeFront() {
+    InvalidDestinationQueue& queue = invalidDestinationQueue();
+    std::lock_guard<std::mutex> lock(queue.mutex);
+    if (queue.records.empty()) {
+        return nullptr;
+    }
+    InvalidDestinationRecord* record = queue.records.front();
+    queue.records.pop_front();
+    if (!queue.names.empty()) {
+        queue.names.erase(queue.names.begin());
+    }
+    queue.recordCount.store(queue.records.size(), std::memory_order_relaxed);
+    return record;
+}
+
+// A re-send that failed too: the subscription's policy decides. Results are not examined.
+void applyRetryPolicy(const InvalidDestinationRecord& record) {
+    RF_LOG(kLogInfo, "[%s():%d]Retransmission uri = %s", record.destination);
+    RF_LOG(kLogDebug, "[%s():%d]Suspending/Terminating/Adding invalid field to the subscription");
+    const std::string policy = record.retryPolicy != nullptr ? record.retryPolicy : "";
+    const char* id = record.subscriptionId != nullptr ? record.subscriptionId : "";
+    if (policy == "SuspendRetries") {
+        RF_LOG(kLogDebug, "[%s():%d]Suspending subscription: %s \n", id);
+        setSubscriptionState(id, "Disabled");
+    } else if (policy == "TerminateAfterRetries") {
+        RF_LOG(kLogDebug, "[%s():%d]Terminating subscription: %s \n", id);
+        removeSubscription(id);
+    } else {
+        RF_LOG(kLogDebug, "[%s():%d]Adding invalid field in subscription");
+        addInvalidMemberinSubscription(id);
+    }
+}
+
+void resend(const InvalidDestinationRecord& record) {
+    RF_LOG(kLogDebug, "[%s():%d]Retry mechanism on dest :%s",
+           record.destination != nullptr ? record.destination : "");
+    const Json::Value noSubscription;
+    bool failed = false;
+    sendHTTPPacketByCURL(record.report, record.destination,
+                         record.subscription != nullptr ? *record.subscription : noSubscription,
+                         &failed);
+    if (failed) {
+        applyRetryPolicy(record);
+    }
+    // A success changes nothing: an "InvalidDestination" tag is left to the probing thread.
+}
+
+// Probes one tagged subscription; on an answer the tag is removed and the store re-written.
+void probeSubscription(Json::Value& document, const std::string& id) {
+    Json::Value subscription = document[id];
+    const std::string destination = subscription["Destination"].asString();
+    RF_LOG(kLogDebug, "[%s():%d]Subscription with invalid destination found : %s",
+           destination.c_str());
+    bool failed = false;
+    sendHTTPPacketByCURL(g_invalidDestinationProbeReport, destination.c_str(), subscription,
+                         &failed);
+    RF_LOG(kLogDebug, "[%s():%d]bSuspendSubscription : %d", failed ? 1 : 0);
+    if (failed) {
+        return; // probed again next cycle; this thread never applies the policy
+    }
+    RF_LOG(kLogInfo, "[%s():%d]Destination %s is reachable now. Removing InvalidDestination tag",
+           destination.c_str());
+    subscription.removeMember("InvalidDestination");
+    document[id] = subscription;
+    writeSubscriptionStore(document);
+}
+
+void logDroppedWork(const char* what) {
+    RF_LOG(kLogError, "[%s():%d]Dropping this unit of work after an error: %s", what);
+}
+
+} // namespace
+
+const char* g_invalidDestinationProbeReport =
+    "{\"MetricReportName\":\"TestReport\",\"GeneratedMetricReportValues\":[{\"MetricId\":"
+    "\"TestMetricId\",\"MetricValue\":\"0\",\"Timestamp\":\"0000-00-00T00:00:00\"}]}";
 
 InvalidDestinationQueue& invalidDestinationQueue() {
     static InvalidDestinationQueue* queue = new InvalidDestinationQueue;
@@ -27,4 +113,133 @@ InvalidDestinationQueue& invalidDestinationQueue() {
 // Build the queue at load rather than on first use.
 [[maybe_unused]] static InvalidDestinationQueue& g_queueAtLoad = invalidDestinationQueue();
 
-}  // namespace rfevent
+// The emptiness test of the consumer and the length test of the producers are made without the
+// mutex on purpose: they are only hints, and the work itself is always done under the mutex.
+// Reading records.size() directly while another thread pushes or pops would be a data race on
+// the deque's internals, so the size is mirrored in an atomic that every change refreshes under
+// the mutex; a relaxed load of it gives the same answers an unlocked read would, without the
+// race.
+std::size_t queuedRecordCount() {
+    return invalidDestinationQueue().recordCount.load(std::memory_order_relaxed);
+}
+
+bool invalidQueueAlreadyHolds(const char* destination) {
+    if (queuedRecordCount() <= kInvalidQueueDuplicateThreshold) {
+        return false;
+    }
+    // Scanning the names can not be done safely while the consumer erases from the vector, so
+    // the mutex is held for the scan only. The test and the later push are still two steps:
+    // another producer may queue the same destination in between, as before.
+    InvalidDestinationQueue& queue = invalidDestinationQueue();
+    std::lock_guard<std::mutex> lock(queue.mutex);
+    return std::find(queue.names.begin(), queue.names.end(), destination) != queue.names.end();
+}
+
+void pushInvalidDestination(InvalidDestinationRecord* record) {
+    InvalidDestinationQueue& queue = invalidDestinationQueue();
+    std::lock_guard<std::mutex> lock(queue.mutex);
+    queue.records.push_back(record);
+    queue.names.emplace_back(record->destination != nullptr ? record->destination : "");
+    queue.recordCount.store(queue.records.size(), std::memory_order_relaxed);
+}
+
+void releaseInvalidDestinationRecord(InvalidDestinationRecord* record) {
+    if (record == nullptr) {
+        return;
+    }
+    std::free(record->destination);
+    std::free(record->subscriptionId);
+    std::free(record->retryPolicy);
+    // The log shows the low 32 bits of the pointer, as the format has always printed it.
+    RF_LOG(kLogDebug, "[%s():%d]Before Freeing the ptr[%u]\n",
+           static_cast<unsigned>(reinterpret_cast<uintptr_t>(record->subscription)));
+    delete record->subscription;
+    std::free(record->report);
+    std::free(record);
+}
+
+void drainInvalidDestinationQueueOnce() {
+    while (queuedRecordCount() != 0) {
+        InvalidDestinationRecord* record = takeFront();
+        if (record == nullptr) {
+            break;
+        }
+        try {
+            resend(*record);
+        } catch (const std::exception& error) {
+            logDroppedWork(error.what());
+        } catch (...) {
+            logDroppedWork("unknown exception");
+        }
+        releaseInvalidDestinationRecord(record);
+    }
+}
+
+bool probeInvalidDestinationsOnce() {
+    const char* path = fixedPath(FixedPath::SubscriptionStore);
+    struct stat info;
+    if (stat(path, &info) != 0) {
+        RF_LOG(kLogDebug, "[%s():%d]Subscription file does not exist\n");
+        return true;
+    }
+    RF_LOG(kLogDebug, "[%s():%d]Subscription file exists\n");
+    Json::Value document;
+    {
+        std::ifstream in(path, std::ios::binary);
+        RF_Json_Reader reader;
+        if (!in.is_open() || !reader.parse(in, document, false) || !document.isObject()) {
+            RF_LOG(kLogError, "[%s():%d]Fail to parse event subscription file\n");
+            return true;
+        }
+    }
+    for (const std::string& id : document.getMemberNames()) {
+        try {
+            if (document[id].isObject() && document[id].isMember("InvalidDestination")) {
+                probeSubscription(document, id);
+            }
+        } catch (const std::exception& error) {
+            logDroppedWork(error.what());
+        } catch (...) {
+            logDroppedWork("unknown exception");
+        }
+    }
+    return false;
+}
+
+} // namespace rfevent
+
+void* InvalidDestHandlingThread1(void* unused) {
+    (void)unused;
+    for (;;) {
+        sleep(rfevent::kDrainPeriodSeconds);
+        if (rfevent::queuedRecordCount() == 0) {
+            continue;
+        }
+        try {
+            rfevent::drainInvalidDestinationQueueOnce();
+        } catch (const std::exception& error) {
+            rfevent::logDroppedWork(error.what());
+        } catch (...) {
+            rfevent::logDroppedWork("unknown exception");
+        }
+    }
+    return nullptr;
+}
+
+void* InvalidDestHandlingThread2(void* unused) {
+    (void)unused;
+    for (;;) {
+        bool end = false;
+        try {
+            end = rfevent::probeInvalidDestinationsOnce();
+        } catch (const std::exception& error) {
+            rfevent::logDroppedWork(error.what());
+        } catch (...) {
+            rfevent::logDroppedWork("unknown exception");
+        }
+        if (end) {
+            return nullptr;
+        }
+        sleep(rfevent::kProbePeriodSeconds);
+    }
+}

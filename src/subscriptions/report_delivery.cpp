@@ -1,0 +1,206 @@
+#include "subscriptions/report_delivery.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <vector>
+
+#include "delivery/parallel_post.h"
+#include "platform/log.h"
+#include "platform/paths.h"
+#include "rfevent/redfish_event.h"
+#include "subscriptions/invalid_dest.h"
+#include "subscriptions/store.h"
+#include "telemetry/json_reader.h"
+
+using rfevent::kLogDebug;
+using rfevent::kLogError;
+using rfevent::kLogInfo;
+
+namespace {
+
+const char kMetricReport[] = "MetricReport";
+
+// Releases the targets however the call ends (a JSON type error may escape to the caller).
+struct TargetsGuard {
+    std::vector<DeliveryTarget*>& targets;
+    ~TargetsGuard() {
+        if (!targets.empty()) {
+            removeFromSubscription(targets);
+        }
+    }
+};
+
+char* copyText(const std::string& text) {
+    char* copy = static_cast<char*>(std::malloc(text.size() + 1));
+    if (copy != nullptr) {
+        std::memcpy(copy, text.c_str(), text.size() + 1);
+    }
+    return copy;
+}
+
+bool hasElements(const Json::Value& subscription, const char* key) {
+    return subscription.isMember(key) && !subscription[key].isNull() &&
+           subscription[key].size() > 0;
+}
+
+// Whether the subscription wants this report; logs as it decides.
+bool isSelected(const std::string& id, const Json::Value& subscription, const char* report) {
+    if (subscription["SubscriptionType"].asString() == "Syslog") {
+        return false;
+    }
+    if (subscription.isMember("SubscriptionStateAfterRetry") &&
+        subscription["SubscriptionStateAfterRetry"].asString() == "Disabled") {
+        RF_LOG(kLogDebug, "[%s():%d]Disabled subscription found, skipping...");
+        return false;
+    }
+    if (!subscription.isMember("EventFormatType") ||
+        subscription["EventFormatType"].asString() != kMetricReport) {
+        RF_LOG(kLogDebug, "[%s():%d]Could not find [%s] in [%s] subscription", kMetricReport,
+               id.c_str());
+        return false;
+    }
+    RF_LOG(kLogDebug, "[%s():%d]Found [%s] in [%s] subscription", kMetricReport, id.c_str());
+    const bool invalidDestination = subscription.isMember("InvalidDestination");
+    if (hasElements(subscription, "MetricReportDefinitions") && !invalidDestination) {
+        return isReportMatchTheSubscription(subscription["MetricReportDefinitions"],
+                                            getMetricReportDefinition(report));
+    }
+    if (hasElements(subscription, "OriginResources") && !invalidDestination) {
+        return isReportMatchTheSubscription(subscription["OriginResources"],
+                                            getMetricReportDefinition(report));
+    }
+    RF_LOG(kLogDebug,
+           "[%s():%d]Could not find [%s] in [%s] subscription. Obtaining the Destination",
+           "OriginResources", id.c_str());
+    if (!subscription.isMember("Destination") || invalidDestination) {
+        RF_LOG(kLogDebug, "[%s():%d]Could not find valid [%s] in [%s] subscription.", "Destination",
+               id.c_str());
+        return false;
+    }
+    RF_LOG(kLogDebug, "[%s():%d]Found [%s] in [%s] subscription.", "Destination", id.c_str());
+    return true;
+}
+
+DeliveryTarget* makeTarget(const std::string& id, const Json::Value& subscription) {
+    auto* target = static_cast<DeliveryTarget*>(std::calloc(1, sizeof(DeliveryTarget)));
+    if (target == nullptr) {
+        return nullptr;
+    }
+    target->destination = copyText(subscription["Destination"].asString());
+    target->subscriptionId = copyText(id);
+    target->retryPolicy = copyText(subscription["DeliveryRetryPolicy"].asString());
+    target->subscription = new Json::Value(subscription);
+    return target;
+}
+
+// Selects the targets of the report, in the store's member order.
+void selectTargets(const Json::Value& store, const char* report,
+                   std::vector<DeliveryTarget*>& targets) {
+    for (auto it = store.begin(); it != store.end(); ++it) {
+        const std::string id = it.name();
+        const Json::Value& subscription = *it;
+        if (!subscription.isObject()) {
+            continue; // not a subscription: nothing to read from it
+        }
+        if (!isSelected(id, subscription, report)) {
+            continue;
+        }
+        if (!subscription.isMember("Destination")) {
+            RF_LOG(kLogDebug, "[%s():%d]Could not find valid [%s] in [%s] subscription.",
+                   "Destination", id.c_str());
+            continue;
+        }
+        if (DeliveryTarget* target = makeTarget(id, subscription)) {
+            targets.push_back(target);
+        }
+    }
+}
+
+// Queues every target of one pass whose transfer failed, for the retry thread.
+void queueFailures(const std::vector<DeliveryTarget*>& group, const char* report) {
+    for (const DeliveryTarget* target : group) {
+        if (target->failureCount == 0) {
+            continue;
+        }
+        if (rfevent::invalidQueueAlreadyHolds(target->destination)) {
+            RF_LOG(kLogDebug, "[%s():%d]%s already in Invalid Queue", target->destination);
+            continue;
+        }
+        RF_LOG(kLogDebug, "[%s():%d]Found subscription for retry");
+        auto* record = static_cast<InvalidDestinationRecord*>(
+            std::calloc(1, sizeof(InvalidDestinationRecord)));
+        if (record == nullptr) {
+            continue;
+        }
+        record->destination = copyText(target->destination);
+        record->subscriptionId = copyText(target->subscriptionId);
+        record->retryPolicy = copyText(target->retryPolicy);
+        record->subscription = new Json::Value(*target->subscription);
+        record->report = copyText(report);
+        rfevent::pushInvalidDestination(record);
+    }
+}
+
+} // namespace
+
+int send_report_to_subscription(const char* report) {
+    RF_ENTER();
+    if (report == nullptr) {
+        RF_LOG(kLogError, "[%s():%d]Invalid report\n");
+        RF_EXIT();
+        return -1;
+    }
+    const char* path = rfevent::fixedPath(rfevent::FixedPath::SubscriptionStore);
+    struct stat info;
+    if (stat(path, &info) != 0) {
+        RF_LOG(kLogDebug, "[%s():%d]Subscription file does not exist\n");
+        RF_EXIT();
+        return -1;
+    }
+    RF_LOG(kLogDebug, "[%s():%d]Subscription file exists\n");
+    Json::Value store;
+    {
+        std::ifstream in(path, std::ios::binary);
+        RF_Json_Reader reader;
+        if (!in.is_open() || !reader.parse(in, store, false) || !store.isObject()) {
+            RF_LOG(kLogError, "[%s():%d]Fail to parse event subscription file\n");
+            RF_EXIT();
+            return -1;
+        }
+    }
+    std::vector<DeliveryTarget*> targets;
+    TargetsGuard guard{targets};
+    selectTargets(store, report, targets);
+    // One parallel pass serves at most 30 destinations: larger sets go in groups, and the
+    // failures of each group are queued before the next group is sent.
+    std::size_t start = 0;
+    do {
+        const std::size_t end =
+            std::min(targets.size(), start + static_cast<std::size_t>(kMaxParallelDestinations));
+        std::vector<DeliveryTarget*> group(targets.begin() + start, targets.begin() + end);
+        sendMultiperform(report, group);
+        queueFailures(group, report);
+        start = end;
+    } while (start < targets.size());
+    removeFromSubscription(targets);
+    RF_EXIT();
+    return 0;
+}
+
+bool isReportMatchTheSubscription(Json::Value list, const std::string& definitionUri) {
+    for (const Json::Value& element : list) {
+        if (!element.isObject() || !element.isMember("@odata.id")) {
+            continue;
+        }
+        const Json::Value& id = element["@odata.id"];
+        if (id.isString() && id.asString() == definitionUri) {
+            RF_LOG(kLogInfo, "[%s():%d]Report match the subscription data\n");
+            return true;
+        }
+    }
+    return false;
+}
