@@ -1,0 +1,32 @@
+// Command line of rfevent-sim.
+#ifndef RFEVENT_SIM_CLI_H
+#define RFEVENT_SIM_CLI_H
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "alert_record.h"
+
+namespace rfevent::sim {
+
+struct CommandLine {
+    std::string
+        command; // demo, alert, report, test-report, serial-log, cpu-registers, replay, listen
+    std::vector<std::string> arguments; // the command's positional arguments
+    std::string pluginPath;             // empty: next to the executable
+    std::string root;                   // empty: a fresh temporary folder
+    bool verbose = false;
+    bool help = false;
+    int timeoutSeconds = 12; // longest wait for one step's deliveries
+    AlertSpec alert;
+    bool alertOptionsGiven = false;
+};
+
+// Parses argv; on bad input returns false with the reason in `error`.
+bool parseCommandLine(int argc, char** argv, CommandLine& out, std::string& error);
+void printUsage(std::ostream& out);
+
+} // namespace rfevent::sim
+
+#endif
