@@ -405,6 +405,20 @@ bool Monitor::allExpectedArrived() const {
     return missing().empty();
 }
 
+int Monitor::expectedTotal() const {
+    int total = static_cast<int>(policyExpectations_.size());
+    for (const Destination& destination : destinations_) {
+        total += destination.expected;
+    }
+    for (const auto& entry : sseKeys_) {
+        total += entry.second.expected;
+    }
+    for (const LogExpectation& expectation : logExpectations_) {
+        total += expectation.expected;
+    }
+    return total;
+}
+
 int Monitor::shortfall() const {
     int total = 0;
     for (const Destination& destination : destinations_) {

@@ -74,6 +74,8 @@ class Monitor {
     std::string destinationUrl(const std::string& name) const;
 
     bool allExpectedArrived() const;
+    // How many deliveries, entries and changes are expected in all.
+    int expectedTotal() const;
     // How many expected deliveries, entries and changes are still missing.
     int shortfall() const;
     std::vector<std::string> missing() const;

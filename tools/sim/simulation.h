@@ -51,6 +51,7 @@ class Simulation {
     std::chrono::milliseconds readerTimeout() const;
     void fireAlerts(const std::vector<AlertSpec>& alerts);
     void expectAlert();
+    void expectUnreachableRetries();
     void expectReport(const std::string& reportJson);
     void expectLogReport(const char* sseKey);
     bool announce(const std::string& name);
@@ -69,6 +70,7 @@ class Simulation {
     Json::Value sseSubscriptions_;
     bool stepFailed_ = false;
     int stepStartShortfall_ = 0;
+    int stepStartExpected_ = 0;
 };
 
 } // namespace rfevent::sim

@@ -1,0 +1,118 @@
+// Runs the built host simulator (tools/rfevent-sim) as a separate process against the built
+// plug-in: the scripted demo must see every delivery arrive, and bad command lines must end
+// with the usage text and status 2.
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <regex>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "harness/sandbox.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using rfevent::testkit::sandboxRoot;
+
+// <build>/src/libredfishevent.so -> <build>/tools/rfevent-sim
+std::string simulatorPath() {
+    return (fs::path(RFEVENT_PLUGIN_PATH).parent_path().parent_path() / "tools" / "rfevent-sim")
+        .string();
+}
+
+std::string quoted(const std::string& text) {
+    std::string out = "'";
+    for (char c : text) {
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return out + "'";
+}
+
+struct SimRun {
+    int status = -1; // exit status, -1 when it did not exit normally
+    std::string output;
+};
+
+// Runs the simulator with `arguments` (already quoted), stdout and stderr together; its
+// temporary sandboxes go below this test's own sandbox root.
+SimRun runSimulator(const std::string& arguments) {
+    std::string command = "TMPDIR=" + quoted(sandboxRoot()) + " " + quoted(simulatorPath()) +
+                          " --plugin " + quoted(RFEVENT_PLUGIN_PATH) + " " + arguments + " 2>&1";
+    SimRun run;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (pipe == nullptr) {
+        return run;
+    }
+    char buffer[4096];
+    std::size_t n = 0;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+        run.output.append(buffer, n);
+    }
+    int raw = ::pclose(pipe);
+    run.status = (raw != -1 && WIFEXITED(raw)) ? WEXITSTATUS(raw) : -1;
+    return run;
+}
+
+// True when a summary row starts with `name` and shows `expected` and `received` then "ok".
+bool summaryRowOk(const std::string& output, const std::string& name, int expected) {
+    std::string pattern =
+        "\\n  " + std::regex_replace(name, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)") +
+        " [^\\n]*\\b" + std::to_string(expected) + " +" + std::to_string(expected) + " +ok\\n";
+    return std::regex_search(output, std::regex(pattern));
+}
+
+class SimulatorTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        rfevent::testkit::resetSandbox();
+        ASSERT_TRUE(fs::exists(simulatorPath())) << simulatorPath();
+    }
+};
+
+TEST_F(SimulatorTest, DemoDeliversEverythingItExpects) {
+    SimRun run = runSimulator("demo");
+    SCOPED_TRACE(run.output);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_NE(run.output.find("\nSummary\n"), std::string::npos);
+    EXPECT_NE(run.output.find("Result: every expected delivery arrived"), std::string::npos);
+    EXPECT_TRUE(summaryRowOk(run.output, "alerts", 3));
+    EXPECT_TRUE(summaryRowOk(run.output, "reports", 4));
+    EXPECT_TRUE(summaryRowOk(run.output, "power-reports", 1));
+    EXPECT_TRUE(summaryRowOk(run.output, "EventFormatType eq Event", 3));
+    EXPECT_TRUE(summaryRowOk(run.output, "EventFormatType eq MetricReport", 2));
+    EXPECT_NE(run.output.find("Event-log entries: 1 new"), std::string::npos);
+    EXPECT_NE(run.output.find("SubscriptionStateAfterRetry=Disabled                  ok"),
+              std::string::npos);
+    EXPECT_NE(run.output.find("Plug-in unloaded."), std::string::npos);
+}
+
+TEST_F(SimulatorTest, SingleAlertReachesItsDestinationAndTheSseClient) {
+    SimRun run = runSimulator(
+        "alert --severity warning --event-id 77 --message-id FAN0001 --message 'Fan slow' "
+        "--arg 3 --arg 1200 --fqdd Fan.Embedded.3 --member-id 4");
+    SCOPED_TRACE(run.output);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_TRUE(summaryRowOk(run.output, "alerts", 1));
+    EXPECT_TRUE(summaryRowOk(run.output, "EventFormatType eq Event", 1));
+    EXPECT_NE(run.output.find("EventId 77 TAVIK.2.8.FAN0001"), std::string::npos);
+}
+
+TEST_F(SimulatorTest, BadCommandLinesGetTheUsageAndStatusTwo) {
+    for (const char* arguments :
+         {"", "--bogus demo", "frobnicate", "replay 1", "report", "demo extra",
+          "alert --severity 9", "alert --event-id 12x", "--timeout 0 demo", "demo --severity 1",
+          "--root", "test-report /nonexistent/report.json", "report NoSuchReport"}) {
+        SimRun run = runSimulator(arguments);
+        SCOPED_TRACE(std::string(arguments) + "\n" + run.output);
+        EXPECT_EQ(run.status, 2);
+        EXPECT_EQ(run.output.find("Segmentation"), std::string::npos);
+    }
+    SimRun help = runSimulator("--help");
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.output.find("usage: rfevent-sim"), std::string::npos);
+}
+
+} // namespace
