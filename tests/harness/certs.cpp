@@ -32,16 +32,18 @@ constexpr long kValiditySeconds = 365L * 24 * 3600; // stays below 2038 for 32-b
 
 [[noreturn]] void fail(const std::string& what) {
     char reason[256] = "no OpenSSL error queued";
-    if (unsigned long code = ERR_get_error())
+    if (unsigned long code = ERR_get_error()) {
         ERR_error_string_n(code, reason, sizeof reason);
+    }
     ERR_clear_error();
     throw std::runtime_error("test PKI: " + what + ": " + reason);
 }
 
 KeyPtr newKey() {
     EVP_PKEY* key = EVP_EC_gen("P-256");
-    if (key == nullptr)
+    if (key == nullptr) {
         fail("EC P-256 key generation");
+    }
     return KeyPtr(key, EVP_PKEY_free);
 }
 
@@ -61,12 +63,14 @@ void addExtension(X509* cert, X509* issuer, int nid, const char* value) {
     X509V3_set_ctx_nodb(&ctx);
     X509V3_set_ctx(&ctx, issuer, cert, nullptr, nullptr, 0);
     X509_EXTENSION* ext = X509V3_EXT_conf_nid(nullptr, &ctx, nid, value);
-    if (ext == nullptr)
+    if (ext == nullptr) {
         fail(std::string("extension ") + OBJ_nid2sn(nid) + "=" + value);
+    }
     const int added = X509_add_ext(cert, ext, -1);
     X509_EXTENSION_free(ext);
-    if (added != 1)
+    if (added != 1) {
         fail("adding extension");
+    }
 }
 
 // Builds a certificate for `key` with subject CN `cn`. Without an issuer the
@@ -74,8 +78,9 @@ void addExtension(X509* cert, X509* issuer, int nid, const char* value) {
 CertPtr makeCert(EVP_PKEY* key, const std::string& cn, X509* issuer, EVP_PKEY* issuerKey,
                  const Extensions& extensions) {
     CertPtr cert(X509_new(), X509_free);
-    if (!cert)
+    if (!cert) {
         fail("X509_new");
+    }
     X509* c = cert.get();
     setRandomSerial(c);
     X509_NAME* name = X509_get_subject_name(c);
@@ -94,18 +99,21 @@ CertPtr makeCert(EVP_PKEY* key, const std::string& cn, X509* issuer, EVP_PKEY* i
     X509* signer = issuer != nullptr ? issuer : c;
     addExtension(c, signer, NID_subject_key_identifier, "hash");
     addExtension(c, signer, NID_authority_key_identifier, "keyid:always");
-    for (const auto& [nid, value] : extensions)
+    for (const auto& [nid, value] : extensions) {
         addExtension(c, signer, nid, value);
-    if (X509_sign(c, issuerKey != nullptr ? issuerKey : key, EVP_sha256()) == 0)
+    }
+    if (X509_sign(c, issuerKey != nullptr ? issuerKey : key, EVP_sha256()) == 0) {
         fail("signing " + cn);
+    }
     return cert;
 }
 
 // Opens `path` for writing with the given mode (0600 for keys).
 FILE* openForWrite(const std::string& path, mode_t mode) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-    if (fd < 0)
+    if (fd < 0) {
         throw std::runtime_error("test PKI: cannot create " + path);
+    }
     FILE* file = ::fdopen(fd, "w");
     if (file == nullptr) {
         ::close(fd);
@@ -117,15 +125,17 @@ FILE* openForWrite(const std::string& path, mode_t mode) {
 void writeCert(const std::string& path, X509* cert) {
     FILE* file = openForWrite(path, 0644);
     const int ok = PEM_write_X509(file, cert);
-    if (std::fclose(file) != 0 || ok != 1)
+    if (std::fclose(file) != 0 || ok != 1) {
         fail("writing " + path);
+    }
 }
 
 void writeKey(const std::string& path, EVP_PKEY* key) {
     FILE* file = openForWrite(path, 0600);
     const int ok = PEM_write_PrivateKey(file, key, nullptr, nullptr, 0, nullptr, nullptr);
-    if (std::fclose(file) != 0 || ok != 1)
+    if (std::fclose(file) != 0 || ok != 1) {
         fail("writing " + path);
+    }
 }
 
 const Extensions kCaExtensions = {
@@ -162,8 +172,9 @@ bool allFilesExist(const TestPki& pki) {
     for (const std::string* path :
          {&pki.caCert, &pki.caKey, &pki.serverCert, &pki.serverKey, &pki.clientCert, &pki.clientKey,
           &pki.otherCaCert, &pki.otherCaKey}) {
-        if (!fs::exists(*path))
+        if (!fs::exists(*path)) {
             return false;
+        }
     }
     return true;
 }
@@ -207,8 +218,9 @@ TestPki generateTestPki(const std::string& dir) {
 
     std::lock_guard<std::mutex> lock(mutex);
     auto found = cache.find(dir);
-    if (found != cache.end() && allFilesExist(found->second))
+    if (found != cache.end() && allFilesExist(found->second)) {
         return found->second;
+    }
     TestPki pki = writeNewPki(dir);
     cache[dir] = pki;
     return pki;

@@ -31,8 +31,9 @@ bool equalsIgnoreCase(const std::string& a, const std::string& b) {
 
 std::string trimBlanks(const std::string& text) {
     const auto first = text.find_first_not_of(" \t");
-    if (first == std::string::npos)
+    if (first == std::string::npos) {
         return "";
+    }
     const auto last = text.find_last_not_of(" \t");
     return text.substr(first, last - first + 1);
 }
@@ -77,8 +78,9 @@ const char* reasonPhrase(int status) {
 }
 
 void closeFd(int& fd) {
-    if (fd >= 0)
+    if (fd >= 0) {
         ::close(fd);
+    }
     fd = -1;
 }
 
@@ -86,20 +88,23 @@ void closeFd(int& fd) {
 // test process with SIGPIPE. Only a default disposition is changed.
 void ignoreSigpipe() {
     struct sigaction current {};
-    if (::sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL)
+    if (::sigaction(SIGPIPE, nullptr, &current) == 0 && current.sa_handler == SIG_DFL) {
         ::signal(SIGPIPE, SIG_IGN);
+    }
 }
 
 std::string commonName(X509* cert) {
     X509_NAME* name = X509_get_subject_name(cert);
     const int index = X509_NAME_get_index_by_NID(name, NID_commonName, -1);
-    if (index < 0)
+    if (index < 0) {
         return "";
+    }
     unsigned char* utf8 = nullptr;
     const int length =
         ASN1_STRING_to_UTF8(&utf8, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, index)));
-    if (length < 0)
+    if (length < 0) {
         return "";
+    }
     std::string cn(reinterpret_cast<char*>(utf8), static_cast<std::size_t>(length));
     OPENSSL_free(utf8);
     return cn;
@@ -112,16 +117,18 @@ bool parseHead(const std::string& head, RecordedRequest& out) {
     bool first = true;
     while (lineStart <= head.size()) {
         std::size_t lineEnd = head.find("\r\n", lineStart);
-        if (lineEnd == std::string::npos)
+        if (lineEnd == std::string::npos) {
             lineEnd = head.size();
+        }
         const std::string line = head.substr(lineStart, lineEnd - lineStart);
         lineStart = lineEnd + 2;
         if (first) {
             first = false;
             const auto sp1 = line.find(' ');
             const auto sp2 = sp1 == std::string::npos ? sp1 : line.find(' ', sp1 + 1);
-            if (sp2 == std::string::npos)
+            if (sp2 == std::string::npos) {
                 return false;
+            }
             out.method = line.substr(0, sp1);
             out.target = line.substr(sp1 + 1, sp2 - sp1 - 1);
             out.version = line.substr(sp2 + 1);
@@ -142,15 +149,17 @@ bool parseHead(const std::string& head, RecordedRequest& out) {
 // decimal number within kMaxBodyBytes.
 bool contentLength(const RecordedRequest& request, std::size_t& length) {
     length = 0;
-    if (!request.hasHeader("Content-Length"))
+    if (!request.hasHeader("Content-Length")) {
         return true;
+    }
     const std::string text = request.header("Content-Length");
     if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos ||
         text.size() > 12)
         return false;
     const unsigned long long value = std::stoull(text);
-    if (value > kMaxBodyBytes)
+    if (value > kMaxBodyBytes) {
         return false;
+    }
     length = static_cast<std::size_t>(value);
     return true;
 }
@@ -159,24 +168,27 @@ bool contentLength(const RecordedRequest& request, std::size_t& length) {
 
 std::string RecordedRequest::header(const std::string& name) const {
     for (const auto& [key, value] : headers) {
-        if (equalsIgnoreCase(key, name))
+        if (equalsIgnoreCase(key, name)) {
             return value;
+        }
     }
     return "";
 }
 
 bool RecordedRequest::hasHeader(const std::string& name) const {
     for (const auto& field : headers) {
-        if (equalsIgnoreCase(field.first, name))
+        if (equalsIgnoreCase(field.first, name)) {
             return true;
+        }
     }
     return false;
 }
 
 bool RecordedRequest::hasHeaderLine(const std::string& line) const {
     for (const auto& raw : headerLines) {
-        if (raw == line)
+        if (raw == line) {
             return true;
+        }
     }
     return false;
 }
@@ -185,8 +197,9 @@ HttpsServer::HttpsServer(const TestPki& pki, HttpsServerOptions options)
     : options_(options), status_(options.status), delayMs_(options.delayMs) {
     ignoreSigpipe();
     int wake[2];
-    if (::pipe2(wake, O_CLOEXEC) != 0)
+    if (::pipe2(wake, O_CLOEXEC) != 0) {
         throw std::runtime_error("https server: pipe2 failed");
+    }
     wakeRead_ = wake[0];
     wakeWrite_ = wake[1];
     try {
@@ -205,8 +218,9 @@ HttpsServer::~HttpsServer() {
 
 void HttpsServer::setUpTls(const TestPki& pki) {
     ctx_ = SSL_CTX_new(TLS_server_method());
-    if (ctx_ == nullptr)
+    if (ctx_ == nullptr) {
         throw std::runtime_error("https server: SSL_CTX_new failed");
+    }
     if (SSL_CTX_use_certificate_chain_file(ctx_, pki.serverCert.c_str()) != 1 ||
         SSL_CTX_use_PrivateKey_file(ctx_, pki.serverKey.c_str(), SSL_FILETYPE_PEM) != 1 ||
         SSL_CTX_check_private_key(ctx_) != 1 ||
@@ -231,8 +245,9 @@ void HttpsServer::setUpTls(const TestPki& pki) {
 
 void HttpsServer::setUpListener() {
     listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (listenFd_ < 0)
+    if (listenFd_ < 0) {
         throw std::runtime_error("https server: socket failed");
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -256,15 +271,18 @@ void HttpsServer::releaseResources() {
 }
 
 void HttpsServer::stop() {
-    if (stopped_)
+    if (stopped_) {
         return;
+    }
     stopped_ = true;
     const char byte = 1;
     // One byte in an otherwise empty pipe: cannot fail while we hold the read end.
-    if (::write(wakeWrite_, &byte, 1) != 1)
+    if (::write(wakeWrite_, &byte, 1) != 1) {
         std::abort();
-    if (acceptThread_.joinable())
+    }
+    if (acceptThread_.joinable()) {
         acceptThread_.join();
+    }
     joinFinished(true);
     releaseResources();
 }
@@ -298,8 +316,9 @@ void HttpsServer::clear() {
 
 int HttpsServer::closedLoopbackPort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    if (fd < 0) {
         throw std::runtime_error("closedLoopbackPort: socket failed");
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -307,8 +326,9 @@ int HttpsServer::closedLoopbackPort() {
     const bool ok = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
                     ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
     ::close(fd);
-    if (!ok)
+    if (!ok) {
         throw std::runtime_error("closedLoopbackPort: bind failed");
+    }
     return ntohs(address.sin_port);
 }
 
@@ -320,16 +340,20 @@ void HttpsServer::acceptLoop() {
         const bool full = live_.load(std::memory_order_relaxed) >= kMaxLiveConnections;
         pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {listenFd_, POLLIN, 0}};
         const int ready = ::poll(fds, full ? 1 : 2, full ? 10 : -1);
-        if (ready < 0 && errno != EINTR)
+        if (ready < 0 && errno != EINTR) {
             return;
-        if (fds[0].revents != 0)
+        }
+        if (fds[0].revents != 0) {
             return;
-        if (full || ready <= 0 || (fds[1].revents & POLLIN) == 0)
+        }
+        if (full || ready <= 0 || (fds[1].revents & POLLIN) == 0) {
             continue;
+        }
 
         const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (fd < 0)
+        if (fd < 0) {
             continue; // EAGAIN or a client that gave up already
+        }
         connectionsAccepted_.fetch_add(1, std::memory_order_relaxed);
         const int nowLive = live_.fetch_add(1, std::memory_order_relaxed) + 1;
         int peak = peakLive_.load(std::memory_order_relaxed);
@@ -367,16 +391,20 @@ bool HttpsServer::waitIo(int fd, short events, Clock::time_point deadline) const
     for (;;) {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0)
+        if (left <= 0) {
             return false;
+        }
         pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {fd, events, 0}};
         const int ready = ::poll(fds, 2, static_cast<int>(left));
-        if (ready < 0 && errno == EINTR)
+        if (ready < 0 && errno == EINTR) {
             continue;
-        if (ready < 0 || fds[0].revents != 0)
+        }
+        if (ready < 0 || fds[0].revents != 0) {
             return false;
-        if (fds[1].revents != 0)
+        }
+        if (fds[1].revents != 0) {
             return true; // readiness, hang-up or error: the next call tells which
+        }
     }
 }
 
@@ -386,14 +414,17 @@ bool HttpsServer::pause(int delayMs) const {
     for (;;) {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0)
+        if (left <= 0) {
             return true;
+        }
         pollfd wake{wakeRead_, POLLIN, 0};
         const int ready = ::poll(&wake, 1, static_cast<int>(left));
-        if (ready > 0)
+        if (ready > 0) {
             return false;
-        if (ready < 0 && errno != EINTR)
+        }
+        if (ready < 0 && errno != EINTR) {
             return false;
+        }
     }
 }
 
@@ -404,16 +435,19 @@ int HttpsServer::driveSsl(SSL* ssl, int fd, Clock::time_point deadline, Op op) c
     for (;;) {
         ERR_clear_error();
         const int result = op();
-        if (result > 0)
+        if (result > 0) {
             return result;
+        }
         switch (SSL_get_error(ssl, result)) {
         case SSL_ERROR_WANT_READ:
-            if (!waitIo(fd, POLLIN, deadline))
+            if (!waitIo(fd, POLLIN, deadline)) {
                 return -1;
+            }
             break;
         case SSL_ERROR_WANT_WRITE:
-            if (!waitIo(fd, POLLOUT, deadline))
+            if (!waitIo(fd, POLLOUT, deadline)) {
                 return -1;
+            }
             break;
         case SSL_ERROR_ZERO_RETURN:
             return 0;
@@ -437,19 +471,22 @@ bool HttpsServer::readRequest(SSL* ssl, int fd, Clock::time_point deadline, Reco
     auto readMore = [&] {
         const int n =
             driveSsl(ssl, fd, deadline, [&] { return SSL_read(ssl, buffer, sizeof buffer); });
-        if (n > 0)
+        if (n > 0) {
             data.append(buffer, static_cast<std::size_t>(n));
+        }
         return n > 0;
     };
 
     std::size_t headEnd;
     while ((headEnd = data.find("\r\n\r\n")) == std::string::npos) {
-        if (data.size() > kMaxHeadBytes || !readMore())
+        if (data.size() > kMaxHeadBytes || !readMore()) {
             return false;
+        }
     }
     std::size_t length = 0;
-    if (!parseHead(data.substr(0, headEnd), out) || !contentLength(out, length))
+    if (!parseHead(data.substr(0, headEnd), out) || !contentLength(out, length)) {
         return false;
+    }
 
     const std::size_t bodyStart = headEnd + 4;
     if (data.size() - bodyStart < length &&
@@ -458,8 +495,9 @@ bool HttpsServer::readRequest(SSL* ssl, int fd, Clock::time_point deadline, Reco
         return false;
     }
     while (data.size() - bodyStart < length) {
-        if (!readMore())
+        if (!readMore()) {
             return false;
+        }
     }
     out.body = data.substr(bodyStart, length);
     out.receivedAt = Clock::now();

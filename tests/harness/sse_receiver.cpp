@@ -33,8 +33,9 @@ bool endsWith(const std::string& text, const std::string& tail) {
 }
 
 void closeFd(int& fd) {
-    if (fd >= 0)
+    if (fd >= 0) {
         ::close(fd);
+    }
     fd = -1;
 }
 
@@ -63,10 +64,12 @@ std::vector<SseMessage> reassembleSsePieces(const std::vector<std::string>& piec
         auto best = open.end();
         for (auto it = open.begin(); it != open.end(); ++it) {
             const std::string& key = messages[it->index].key;
-            if (!it->expectsMore || !startsWith(piece, key))
+            if (!it->expectsMore || !startsWith(piece, key)) {
                 continue;
-            if (best == open.end() || key.size() > messages[best->index].key.size())
+            }
+            if (best == open.end() || key.size() > messages[best->index].key.size()) {
                 best = it;
+            }
         }
         return best;
     };
@@ -105,19 +108,24 @@ std::vector<SseMessage> reassembleSsePieces(const std::vector<std::string>& piec
 
 SseReceiver::SseReceiver(SseReceiverOptions options) {
     int wake[2];
-    if (::pipe2(wake, O_CLOEXEC) != 0)
+    if (::pipe2(wake, O_CLOEXEC) != 0) {
         failWithErrno("pipe2");
+    }
     wakeRead_ = wake[0];
     wakeWrite_ = wake[1];
     try {
-        if (!options.fifoPath.empty())
+        if (!options.fifoPath.empty()) {
             openFifo(options.fifoPath);
-        if (options.port >= 0)
+        }
+        if (options.port >= 0) {
             openListener(options.port);
-        if (fifoFd_ >= 0)
+        }
+        if (fifoFd_ >= 0) {
             fifoThread_ = std::thread([this] { fifoLoop(); });
-        if (listenFd_ >= 0)
+        }
+        if (listenFd_ >= 0) {
             socketThread_ = std::thread([this] { socketLoop(); });
+        }
     } catch (...) {
         stop();
         throw;
@@ -130,8 +138,9 @@ SseReceiver::~SseReceiver() {
 
 int SseReceiver::portFromEnvironment() {
     const char* text = std::getenv("RFEVENT_SSE_PORT");
-    if (text == nullptr || *text == '\0')
+    if (text == nullptr || *text == '\0') {
         throw std::runtime_error("RFEVENT_SSE_PORT is not set");
+    }
     char* end = nullptr;
     const long port = std::strtol(text, &end, 10);
     if (*end != '\0' || port <= 0 || port > 65535) {
@@ -144,24 +153,28 @@ int SseReceiver::portFromEnvironment() {
 // writing too: with a writer always present the read end never reports a
 // hang-up between the product's short-lived writers.
 void SseReceiver::openFifo(const std::string& path) {
-    if (::mkfifo(path.c_str(), 0660) != 0 && errno != EEXIST)
+    if (::mkfifo(path.c_str(), 0660) != 0 && errno != EEXIST) {
         failWithErrno("mkfifo " + path);
+    }
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0 || !S_ISFIFO(info.st_mode)) {
         throw std::runtime_error("sse receiver: not a FIFO: " + path);
     }
     fifoFd_ = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fifoFd_ < 0)
+    if (fifoFd_ < 0) {
         failWithErrno("open " + path);
+    }
     fifoKeepAliveFd_ = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fifoKeepAliveFd_ < 0)
+    if (fifoKeepAliveFd_ < 0) {
         failWithErrno("open for writing " + path);
+    }
 }
 
 void SseReceiver::openListener(int port) {
     listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (listenFd_ < 0)
+    if (listenFd_ < 0) {
         failWithErrno("socket");
+    }
     const int on = 1;
     ::setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};
@@ -188,17 +201,21 @@ void SseReceiver::releaseResources() {
 }
 
 void SseReceiver::stop() {
-    if (stopped_)
+    if (stopped_) {
         return;
+    }
     stopped_ = true;
     const char byte = 1;
     // One byte in an otherwise empty pipe: cannot fail while we hold the read end.
-    if (wakeWrite_ >= 0 && ::write(wakeWrite_, &byte, 1) != 1)
+    if (wakeWrite_ >= 0 && ::write(wakeWrite_, &byte, 1) != 1) {
         std::abort();
-    if (fifoThread_.joinable())
+    }
+    if (fifoThread_.joinable()) {
         fifoThread_.join();
-    if (socketThread_.joinable())
+    }
+    if (socketThread_.joinable()) {
         socketThread_.join();
+    }
     releaseResources();
 }
 
@@ -206,12 +223,15 @@ void SseReceiver::fifoLoop() {
     for (;;) {
         pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {fifoFd_, POLLIN, 0}};
         const int ready = ::poll(fds, 2, -1);
-        if (ready < 0 && errno == EINTR)
+        if (ready < 0 && errno == EINTR) {
             continue;
-        if (ready < 0 || fds[0].revents != 0)
+        }
+        if (ready < 0 || fds[0].revents != 0) {
             break;
-        if (fds[1].revents != 0)
+        }
+        if (fds[1].revents != 0) {
             drainFifo();
+        }
     }
     drainFifo(); // whatever was written before stop()
 }
@@ -221,10 +241,12 @@ void SseReceiver::drainFifo() {
     char buffer[65536];
     for (;;) {
         const ssize_t n = ::read(fifoFd_, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR)
+        if (n < 0 && errno == EINTR) {
             continue;
-        if (n <= 0)
+        }
+        if (n <= 0) {
             return; // EAGAIN: drained
+        }
         {
             std::lock_guard<std::mutex> lock(mutex_);
             fifoBytes_.append(buffer, static_cast<std::size_t>(n));
@@ -243,13 +265,16 @@ void SseReceiver::socketLoop() {
     for (;;) {
         pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {listenFd_, POLLIN, 0}};
         const int ready = ::poll(fds, 2, -1);
-        if (ready < 0 && errno == EINTR)
+        if (ready < 0 && errno == EINTR) {
             continue;
-        if (ready < 0 || fds[0].revents != 0)
+        }
+        if (ready < 0 || fds[0].revents != 0) {
             return;
+        }
         const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (fd < 0)
+        if (fd < 0) {
             continue;
+        }
         std::string piece = readPiece(fd);
         ::close(fd);
         {
@@ -268,21 +293,26 @@ std::string SseReceiver::readPiece(int fd) const {
         pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {fd, POLLIN, 0}};
         const int ready =
             ::poll(fds, 2, static_cast<int>(std::chrono::milliseconds(kPieceIdleLimit).count()));
-        if (ready < 0 && errno == EINTR)
+        if (ready < 0 && errno == EINTR) {
             continue;
-        if (ready <= 0)
+        }
+        if (ready <= 0) {
             return piece;
+        }
         if (fds[1].revents != 0) {
             const ssize_t n = ::read(fd, buffer, sizeof buffer);
-            if (n < 0 && (errno == EINTR || errno == EAGAIN))
+            if (n < 0 && (errno == EINTR || errno == EAGAIN)) {
                 continue;
-            if (n <= 0)
+            }
+            if (n <= 0) {
                 return piece;
+            }
             piece.append(buffer, static_cast<std::size_t>(n));
             continue;
         }
-        if (fds[0].revents != 0)
+        if (fds[0].revents != 0) {
             return piece;
+        }
     }
 }
 

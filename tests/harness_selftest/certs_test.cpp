@@ -21,8 +21,9 @@ using KeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 CertPtr loadCert(const std::string& path) {
     FILE* file = std::fopen(path.c_str(), "r");
     X509* cert = file != nullptr ? PEM_read_X509(file, nullptr, nullptr, nullptr) : nullptr;
-    if (file != nullptr)
+    if (file != nullptr) {
         std::fclose(file);
+    }
     return CertPtr(cert, X509_free);
 }
 
@@ -30,8 +31,9 @@ KeyPtr loadKey(const std::string& path) {
     FILE* file = std::fopen(path.c_str(), "r");
     EVP_PKEY* key =
         file != nullptr ? PEM_read_PrivateKey(file, nullptr, nullptr, nullptr) : nullptr;
-    if (file != nullptr)
+    if (file != nullptr) {
         std::fclose(file);
+    }
     return KeyPtr(key, EVP_PKEY_free);
 }
 

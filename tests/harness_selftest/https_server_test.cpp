@@ -28,6 +28,7 @@ struct PostOptions {
     bool clientCert = true;
     std::string caFile; // empty: the test CA
     long timeoutMs = 10000;
+    long expectContinueTimeoutMs = 0; // 0: libcurl's default
 };
 
 struct PostResult {
@@ -43,8 +44,9 @@ CURL* makePost(const std::string& url, const std::string& body, const PostOption
     const TestPki files = pki();
     CURL* curl = curl_easy_init();
     *headers = nullptr;
-    for (const std::string& line : options.headers)
+    for (const std::string& line : options.headers) {
         *headers = curl_slist_append(*headers, line.c_str());
+    }
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_POST, 1L);
     curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
@@ -56,6 +58,9 @@ CURL* makePost(const std::string& url, const std::string& body, const PostOption
     curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
     curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, options.timeoutMs);
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    if (options.expectContinueTimeoutMs > 0) {
+        curl_easy_setopt(curl, CURLOPT_EXPECT_100_TIMEOUT_MS, options.expectContinueTimeoutMs);
+    }
     if (options.clientCert) {
         curl_easy_setopt(curl, CURLOPT_SSLCERT, files.clientCert.c_str());
         curl_easy_setopt(curl, CURLOPT_SSLKEY, files.clientKey.c_str());
@@ -84,17 +89,18 @@ std::size_t indexOfLine(const RecordedRequest& request, const std::string& line)
 // Polls a counter that the server updates on its own threads.
 template <typename Get> bool eventually(Get get, int expected) {
     const auto deadline = Clock::now() + 5s;
-    while (get() < expected && Clock::now() < deadline)
+    while (get() < expected && Clock::now() < deadline) {
         std::this_thread::sleep_for(5ms);
+    }
     return get() >= expected;
 }
 
 TEST(HttpsServerTest, RecordsAMutualTlsPost) {
     HttpsServer server(pki());
     const std::string body = R"({"Events":[{"MessageId":"X.1"}]})";
-    const PostResult result = post(
-        server.url("/events/1?x=y"), body,
-        {{"X-Auth:abc", "X-Two: two words ", "Content-Type: application/json"}, true, "", 10000});
+    PostOptions options;
+    options.headers = {"X-Auth:abc", "X-Two: two words ", "Content-Type: application/json"};
+    const PostResult result = post(server.url("/events/1?x=y"), body, options);
     ASSERT_EQ(result.code, CURLE_OK) << curl_easy_strerror(result.code);
     EXPECT_EQ(result.status, 200);
 
@@ -157,14 +163,16 @@ TEST(HttpsServerTest, ClientThatDistrustsTheServerFailsTheHandshake) {
 TEST(HttpsServerTest, BodyAfterExpectContinueArrivesWholeAndFast) {
     HttpsServer server(pki());
     std::string body(2048, 'x');
-    for (std::size_t i = 0; i < body.size(); ++i)
+    for (std::size_t i = 0; i < body.size(); ++i) {
         body[i] = static_cast<char>('a' + i % 26);
+    }
     PostOptions options;
     options.headers = {"Expect: 100-continue"};
+    options.expectContinueTimeoutMs = 10000;
     const PostResult result = post(server.url("/big"), body, options);
     ASSERT_EQ(result.code, CURLE_OK) << curl_easy_strerror(result.code);
-    // libcurl would wait a whole second for a "100 Continue" that never comes.
-    EXPECT_LT(result.elapsed, 900ms);
+    // Without our "100 Continue" libcurl would wait the whole 10 s.
+    EXPECT_LT(result.elapsed, 5s);
     ASSERT_TRUE(server.waitForRequests(1, 5s));
     EXPECT_EQ(server.requests()[0].header("Expect"), "100-continue");
     EXPECT_EQ(server.requests()[0].body, body);
@@ -173,8 +181,9 @@ TEST(HttpsServerTest, BodyAfterExpectContinueArrivesWholeAndFast) {
 TEST(HttpsServerTest, LargeBodyArrivesWhole) {
     HttpsServer server(pki());
     std::string body(1536 * 1024, 'x');
-    for (std::size_t i = 0; i < body.size(); i += 7)
+    for (std::size_t i = 0; i < body.size(); i += 7) {
         body[i] = static_cast<char>('0' + i % 10);
+    }
     const PostResult result = post(server.url("/large"), body);
     ASSERT_EQ(result.code, CURLE_OK) << curl_easy_strerror(result.code);
     ASSERT_TRUE(server.waitForRequests(1, 5s));
@@ -201,10 +210,10 @@ TEST(HttpsServerTest, DelayHoldsTheAnswerBack) {
     EXPECT_GE(slow.elapsed, 300ms);
 
     PostOptions impatient;
-    impatient.timeoutMs = 100;
-    server.setDelayMs(2000);
+    impatient.timeoutMs = 1500; // room for a slow handshake under sanitizers or emulation
+    server.setDelayMs(10000);
     EXPECT_EQ(post(server.url("/"), "{}", impatient).code, CURLE_OPERATION_TIMEDOUT);
-    EXPECT_EQ(server.requestCount(), 2u); // recorded before the delay
+    EXPECT_TRUE(server.waitForRequests(2, 5s)); // recorded before the delay
 }
 
 TEST(HttpsServerTest, StopInterruptsADelayedAnswer) {
@@ -222,7 +231,7 @@ TEST(HttpsServerTest, StopInterruptsADelayedAnswer) {
 
 TEST(HttpsServerTest, ServesManyParallelClientsAtOnce) {
     HttpsServer server(pki());
-    server.setDelayMs(500);
+    server.setDelayMs(2000); // long enough for every client to connect before the first answer
     constexpr int kClients = 32;
     CURLM* multi = curl_multi_init();
     std::vector<CURL*> handles;
@@ -235,16 +244,18 @@ TEST(HttpsServerTest, ServesManyParallelClientsAtOnce) {
     int running = 0;
     do {
         curl_multi_perform(multi, &running);
-        if (running > 0)
+        if (running > 0) {
             curl_multi_poll(multi, nullptr, 0, 100, nullptr);
+        }
     } while (running > 0);
     const auto elapsed = Clock::now() - start;
 
     int succeeded = 0;
     int messagesLeft = 0;
     while (CURLMsg* message = curl_multi_info_read(multi, &messagesLeft)) {
-        if (message->msg == CURLMSG_DONE && message->data.result == CURLE_OK)
+        if (message->msg == CURLMSG_DONE && message->data.result == CURLE_OK) {
             ++succeeded;
+        }
     }
     for (int i = 0; i < kClients; ++i) {
         curl_multi_remove_handle(multi, handles[i]);
@@ -255,8 +266,8 @@ TEST(HttpsServerTest, ServesManyParallelClientsAtOnce) {
 
     EXPECT_EQ(succeeded, kClients);
     EXPECT_EQ(server.requestCount(), static_cast<std::size_t>(kClients));
-    EXPECT_GT(server.peakLiveConnections(), 1);
-    EXPECT_LT(elapsed, 8s); // one after the other would take 16 s
+    EXPECT_GE(server.peakLiveConnections(), kClients / 2);
+    EXPECT_LT(elapsed, 30s); // one after the other would take 64 s
 }
 
 TEST(HttpsServerTest, ClearForgetsRequestsAndCounters) {

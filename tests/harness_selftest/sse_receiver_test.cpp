@@ -29,8 +29,9 @@ std::string fifoPath() {
 // Writes like the product does: non-blocking open, one write, close.
 bool writeToFifo(const std::string& text) {
     const int fd = ::open(fifoPath().c_str(), O_WRONLY | O_NONBLOCK);
-    if (fd < 0)
+    if (fd < 0) {
         return false;
+    }
     const bool ok = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     ::close(fd);
     return ok;
