@@ -1,7 +1,163 @@
 #include "events/subscriber_path.h"
 
-// Placeholder until the subscriber path lands.
+#include <sys/stat.h>
+
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "delivery/single_post.h"
+#include "events/event_record.h"
+#include "events/severity.h"
+#include "platform/log.h"
+#include "platform/paths.h"
+#include "platform/platform.h"
+#include "subscriptions/store.h"
+
+using rfevent::kLogDebug;
+using rfevent::kLogError;
+
+namespace {
+
+constexpr size_t kShortTextSize = 20;
+constexpr size_t kDestinationSize = 2048;
+
+// The value's text cut as a 20-byte buffer holds it.
+std::string shortText(const Json::Value& value) {
+    return value.asString().substr(0, kShortTextSize - 1);
+}
+
+struct AlertCall {
+    const DataEventHeader* header;
+    std::string timestamp;
+    NumericDynamicSegment numericIds;
+};
+
+Json::Value composeDocument(AlertCall& call, const std::string& id,
+                            const Json::Value& subscription) {
+    const Json::Value& context = subscription["Context"];
+    Json::Value document(Json::objectValue);
+    document["@odata.context"] = "/redfish/v1/$metadata#Event.Event";
+    document["@odata.type"] = "#Event.v1_5_0.Event";
+    document["@odata.id"] = "/redfish/v1/EventService/Events/" + id;
+    document["Id"] = id;
+    document["Name"] = "Event Array";
+    document["Context"] = context;
+    document["Events"] = Json::Value(Json::arrayValue);
+    document["Events"].append(
+        rfevent::composeAlertEvent(call.header, call.timestamp, &context, nullptr));
+    Json::Value orva(Json::objectValue);
+    GetOrvaEvent(orva);
+    document["Oem"]["Orva"] = orva;
+    return document;
+}
+
+// Suspends or removes a subscription whose destination stayed unreachable.
+void applyRetryPolicy(const std::string& id, const Json::Value& subscription) {
+    if (!subscription.isMember("DeliveryRetryPolicy")) {
+        return;
+    }
+    std::string policy = subscription["DeliveryRetryPolicy"].asString();
+    if (policy == "SuspendRetries") {
+        RF_LOG(kLogDebug, "[%s():%d]Suspending subscription: %s \n", id.c_str());
+        setSubscriptionState(id.c_str(), "Disabled");
+    } else if (policy == "TerminateAfterRetries") {
+        RF_LOG(kLogDebug, "[%s():%d]Terminating subscription: %s \n", id.c_str());
+        if (removeSubscription(id.c_str()) == 0) {
+            RF_LOG(kLogDebug, "[%s():%d]Terminating subscription success");
+        } else {
+            RF_LOG(kLogError, "[%s():%d]Terminating subscription failed");
+        }
+    } else {
+        RF_LOG(kLogDebug, "[%s():%d]No change to the subscription: %s \n", id.c_str());
+    }
+}
+
+void deliver(AlertCall& call, const std::string& id, const Json::Value& subscription) {
+    Json::Value document = composeDocument(call, id, subscription);
+    Json::Value headers(Json::objectValue);
+    headers["HttpHeaders"] = subscription["HttpHeaders"];
+    std::string text = rfevent::writeCompactJson(document);
+
+    const Json::Value& destinationValue = subscription["Destination"];
+    if (!destinationValue.isString()) {
+        RF_LOG(kLogError, "[%s():%d]No Destination for subscription: %s", id.c_str());
+        return;
+    }
+    std::string destination = destinationValue.asString().substr(0, kDestinationSize - 1);
+    if (call.numericIds.FormatResponseWithNumericId(text) == 0) {
+        RF_LOG(kLogDebug, "[%s():%d]Event Modified successfully with NumericIDs!");
+    }
+    bool failed = false;
+    sendHTTPPacketByCURL(text.c_str(), destination.c_str(), headers, &failed);
+    if (!failed) {
+        RF_LOG(kLogDebug, "[%s():%d]sendHTTPPacketByCURL success \n");
+        return;
+    }
+    applyRetryPolicy(id, subscription);
+}
+
+// Serves one subscription; false when the walk must stop (an empty "EventTypes").
+bool serveSubscription(AlertCall& call, const std::string& id, const Json::Value& subscription) {
+    if (subscription.isMember("EventFormatType") &&
+        shortText(subscription["EventFormatType"]) == "MetricReport") {
+        RF_LOG(kLogDebug, "[%s():%d]SubscriptionId:%s is not Event as EventFormatType", id.c_str());
+        return true;
+    }
+    const Json::Value& eventTypes = subscription["EventTypes"];
+    if (!eventTypes.isArray()) {
+        RF_LOG(kLogDebug, "[%s():%d]EventType is not an array\n");
+        return true;
+    }
+    if (eventTypes.empty()) {
+        return false; // later subscriptions get nothing for this alert
+    }
+    if (subscription.isMember("SubscriptionStateAfterRetry") &&
+        subscription["SubscriptionStateAfterRetry"].asString() == "Disabled") {
+        RF_LOG(kLogDebug, "[%s():%d]Disabled subscription found, skipping...");
+        return true;
+    }
+    // Every "Alert" element is one delivery, so a repeated element delivers twice.
+    for (Json::ArrayIndex i = 0; i < eventTypes.size(); ++i) {
+        if (shortText(eventTypes[i]) != "Alert") {
+            RF_LOG(kLogDebug, "[%s():%d]Not an alert type\n");
+            continue;
+        }
+        deliver(call, id, subscription);
+    }
+    return true;
+}
+
+} // namespace
+
 void sendRedFishEvent(DataEventHeader* header, void* eventContext) {
-    (void)header;
     (void)eventContext;
+    RF_ENTER();
+    AlertCall call{header, rfevent::eventTimestamp(), {}};
+    const char* path = rfevent::fixedPath(rfevent::FixedPath::SubscriptionStore);
+    struct stat info;
+    if (::stat(path, &info) != 0) {
+        RF_LOG(kLogError, "[%s():%d]subscriptions file does not exist\n");
+        RF_EXIT();
+        return;
+    }
+    std::ifstream in(path);
+    Json::Value store;
+    RF_Json_Reader reader;
+    if (!reader.parse(in, store)) {
+        RF_LOG(kLogError, "[%s():%d]subscriber File Data parsing failed\n");
+        in.close();
+        RF_EXIT();
+        return;
+    }
+    RF_LOG(kLogDebug, "[%s():%d]subscriber File Data Parsed Successfully\n");
+    // Walks the in-memory copy: a subscription suspended or removed on the way is still served
+    // for its remaining "EventTypes" elements.
+    for (auto it = store.begin(); it != store.end(); ++it) {
+        if (!serveSubscription(call, it.name(), *it)) {
+            break;
+        }
+    }
+    in.close();
+    RF_EXIT();
 }
