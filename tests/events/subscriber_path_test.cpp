@@ -250,6 +250,22 @@ TEST_F(SubscriberPathTest, SuspendRetriesDisablesTheSubscription) {
     EXPECT_EQ(tk::eventLogEntries().size(), 1u);
 }
 
+TEST_F(SubscriberPathTest, UnverifiableDestinationIsLoggedAndItsPolicyApplied) {
+    tk::installClientCredentials(pki_, tk::sandboxRoot(), false);
+    Json::Value store(Json::objectValue);
+    store["1"] = subscription("/strict");
+    store["1"]["DeliveryRetryPolicy"] = "SuspendRetries";
+    tk::writeSubscriptionStore(store);
+    send();
+    EXPECT_EQ(server_->requestCount(), 0u);
+    auto entries = tk::eventLogEntries();
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0]["MessageId"], Json::Value("JX083"));
+    EXPECT_EQ(entries[0]["MessageArgs"][0], Json::Value(server_->url("/strict")));
+    EXPECT_EQ(tk::readSubscriptionStore()["1"]["SubscriptionStateAfterRetry"],
+              Json::Value("Disabled"));
+}
+
 TEST_F(SubscriberPathTest, OtherOrNoPolicyLeavesTheStoreAlone) {
     Json::Value store(Json::objectValue);
     store["1"] = unreachable("RetryForever");
