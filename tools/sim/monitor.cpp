@@ -189,9 +189,9 @@ void Monitor::recordSse(const std::string& channel, const std::string& key, cons
     if (!view.detail.empty() && !body.empty()) {
         what += " (" + view.detail + ")";
     }
-    out_ << stamp() << " SSE    " << pad(channel, 7) << pad(key, 40) << pad("<id:" + id + ">", 9)
-         << pad(what, 40) << body.size() << " bytes" << (complete ? "" : " (no end marker)")
-         << "\n";
+    out_ << stamp() << " SSE    " << pad(channel, 7) << pad(key, 40)
+         << pad(body.empty() ? "-" : "<id:" + id + ">", 9) << pad(what, 40) << body.size()
+         << " bytes" << (complete ? "" : " (no end marker)") << "\n";
     printDocument(view);
 }
 

@@ -105,6 +105,9 @@ void Simulation::demo() {
     fireAlerts(demoAlerts());
     waitForStep();
 
+    if (stopRequested()) {
+        return;
+    }
     stepHeader("2. Metric report PowerMetrics announced on the telemetry pipe");
     note("looked up in the telemetry database; subscription 3 only wants PowerMetrics");
     for (const auto& [name, json] : sampleDatabaseReports()) {
@@ -114,19 +117,31 @@ void Simulation::demo() {
     }
     announce("PowerMetrics") && waitForStep();
 
+    if (stopRequested()) {
+        return;
+    }
     stepHeader("3. Test metric report written into the test-report pipe");
     expectReport(sampleTestReport());
     sendTestReport(sampleTestReport()) && waitForStep();
 
+    if (stopRequested()) {
+        return;
+    }
     stepHeader("4. Serial-log report");
     sandbox_->appendSerialLog("rfevent-sim: demo console line\n");
     expectLogReport(kSseSerialFilter);
     announce("seriallog") && waitForStep();
 
+    if (stopRequested()) {
+        return;
+    }
     stepHeader("5. CPU-register report (large: travels to SSE in several pieces)");
     expectLogReport(kSseCpuFilter);
     announce("CPURegisters") && waitForStep();
 
+    if (stopRequested()) {
+        return;
+    }
     stepHeader("6. Last-Event-ID replay of the CPU-register report");
     std::string report = readTextFile(sandbox_->path(paths::kCpuRegisterReport));
     std::string id = report.empty() ? monitor_->lastSseId(kSseCpuFilter) : reportSequence(report);

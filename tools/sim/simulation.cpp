@@ -133,7 +133,7 @@ int Simulation::finish(int status) {
         }
     }
     if (sandbox_ && sandbox_->temporary()) {
-        if (status == kExitOk) {
+        if (status != kExitMissing) {
             sandbox_->remove();
         } else {
             std::cout << "Sandbox kept for inspection: " << sandbox_->root() << "\n";
