@@ -98,7 +98,7 @@ bool parseCommandLine(int argc, char** argv, CommandLine& out, std::string& erro
         bool inlineValue = arg.compare(0, 2, "--") == 0 && eq != std::string::npos;
         if (inlineValue) {
             value = arg.substr(eq + 1);
-            arg = arg.substr(0, eq);
+            arg.resize(eq);
         }
         auto takeValue = [&](std::string& into) {
             if (inlineValue) {

@@ -72,7 +72,7 @@ DocumentView describeDocument(const std::string& json) {
     view.type =
         doc["@odata.type"].isString() ? lastSegment(doc["@odata.type"].asString(), '.') : "?";
     const Json::Value& events = doc["Events"];
-    if (events.isArray() && events.size() > 0 && events[0].isObject()) {
+    if (events.isArray() && !events.empty() && events[0].isObject()) {
         const Json::Value& event = events[0];
         view.id = "EventId " + event.get("EventId", "?").asString();
         if (event["MessageId"].isString()) {
@@ -276,7 +276,10 @@ std::map<std::string, std::string> Monitor::policyChanges() const {
 
 void Monitor::pollSubscriptions() {
     for (const auto& [id, change] : policyChanges()) {
-        if (printedChanges_.insert(id + "|" + change).second) {
+        std::string seen = id;
+        seen += "|";
+        seen += change;
+        if (printedChanges_.insert(seen).second) {
             out_ << stamp() << " POLICY subscription " << id << ": " << change << "\n";
         }
     }
@@ -395,7 +398,11 @@ std::vector<std::string> Monitor::missing() const {
     for (const auto& [id, change] : policyExpectations_) {
         auto it = changes.find(id);
         if (it == changes.end() || it->second != change) {
-            gaps.push_back("subscription " + id + ": " + change + " not seen");
+            std::string gap = "subscription " + id;
+            gap += ": ";
+            gap += change;
+            gap += " not seen";
+            gaps.push_back(gap);
         }
     }
     return gaps;

@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 #include <thread>
 
 namespace rfevent::sim {
@@ -30,8 +30,9 @@ std::string PipeWriter::write(const char* controllerPath, const std::string& byt
         }
         if (std::chrono::steady_clock::now() >= deadline) {
             return std::string("no reader on ") + controllerPath + " (" +
-                   (lastError == ENXIO ? "the pipe exists, but no thread reads it"
-                                       : std::strerror(lastError)) +
+                   (lastError == ENXIO
+                        ? "the pipe exists, but no thread reads it"
+                        : std::error_code(lastError, std::generic_category()).message()) +
                    ")";
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -45,7 +46,8 @@ std::string PipeWriter::write(const char* controllerPath, const std::string& byt
     ::close(fd);
     if (written != static_cast<ssize_t>(bytes.size())) {
         return std::string("short write to ") + controllerPath + ": " +
-               (written < 0 ? std::strerror(writeError) : std::to_string(written) + " bytes");
+               (written < 0 ? std::error_code(writeError, std::generic_category()).message()
+                            : std::to_string(written) + " bytes");
     }
     return "";
 }

@@ -11,7 +11,7 @@ PluginHost::~PluginHost() {
 bool PluginHost::load(const std::string& path) {
     handle_ = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle_ == nullptr) {
-        const char* why = ::dlerror();
+        const char* why = ::dlerror(); // NOLINT(concurrency-mt-unsafe): per-thread in glibc
         error_ = why ? why : ("cannot load " + path);
         return false;
     }
@@ -28,7 +28,7 @@ bool PluginHost::load(const std::string& path) {
                              {"RedfishEventPluginInit", nullptr},
                              {"RedfishEventPluginCleanup", nullptr}};
     for (const Entry& entry : entries) {
-        ::dlerror();
+        ::dlerror(); // NOLINT(concurrency-mt-unsafe): per-thread in glibc
         void* symbol = ::dlsym(handle_, entry.name);
         if (symbol == nullptr) {
             error_ = std::string("symbol ") + entry.name + " not exported by " + path;
@@ -77,7 +77,7 @@ bool PluginHost::unload() {
     // The plug-in pins itself once its workers run, so their code stays mapped after this.
     bool ok = ::dlclose(handle_) == 0;
     if (!ok) {
-        const char* why = ::dlerror();
+        const char* why = ::dlerror(); // NOLINT(concurrency-mt-unsafe): per-thread in glibc
         error_ = why ? why : "dlclose failed";
     }
     handle_ = nullptr;

@@ -28,7 +28,8 @@ const char* const kFolders[] = {"/var/lib/rfevent",
                                 "/sim"};
 
 std::string makeTemporaryRoot() {
-    const char* base = std::getenv("TMPDIR");
+    const char* base = std::getenv("TMPDIR"); // NOLINT(concurrency-mt-unsafe): read before any
+                                              // thread of this program starts
     std::string pattern = std::string(base && *base ? base : "/tmp") + "/rfevent-sim.XXXXXX";
     if (::mkdtemp(pattern.data()) == nullptr) {
         throw std::runtime_error("cannot create a temporary folder from " + pattern);

@@ -156,8 +156,8 @@ void Simulation::listen() {
     stepHeader("Listening");
     std::cout << "Point a host or another build at these receivers:\n"
               << "  export RFEVENT_ROOT=" << sandbox_->root() << "\n"
-              << "  export RFEVENT_SSE_PORT=" << std::getenv("RFEVENT_SSE_PORT") << "\n"
-              << "  export RFEVENT_LOG_FILE=" << std::getenv("RFEVENT_LOG_FILE") << "\n"
+              << "  export RFEVENT_SSE_PORT=" << ssePort_ << "\n"
+              << "  export RFEVENT_LOG_FILE=" << sandbox_->path(paths::kPluginLog) << "\n"
               << "Press Ctrl-C to stop.\n";
     monitor_->waitUntil([] { return stopRequested(); }, std::chrono::hours(24 * 365));
 }

@@ -58,6 +58,7 @@ void Simulation::prepareSandbox() {
     urls.power = monitor_->addDestination(kPowerDestination, pki_, "/events/power");
     urls.unreachable = monitor_->addUnreachableDestination(kUnreachableDestination, "/events");
     int ssePort = monitor_->startSse();
+    ssePort_ = ssePort;
 
     box.writeAttributes(DeliverySettings{});
     box.writeSubscriptionStore(sampleSubscriptionStore(urls));
@@ -68,11 +69,15 @@ void Simulation::prepareSandbox() {
     box.writeCpuRegisterDump(sampleCpuRegisterDump());
     monitor_->takeBaseline();
 
+    // The plug-in and its platform read these when they first need a path; they are set
+    // before dlopen, and no other thread of this program reads the environment.
     std::string logFile = box.path(paths::kPluginLog);
+    // NOLINTBEGIN(concurrency-mt-unsafe)
     ::setenv("RFEVENT_ROOT", box.root().c_str(), 1);
     ::setenv("RFEVENT_SSE_PORT", std::to_string(ssePort).c_str(), 1);
     ::setenv("RFEVENT_LOG_FILE", logFile.c_str(), 1);
     ::setenv("RFEVENT_LOG_LEVEL", "5", 0);
+    // NOLINTEND(concurrency-mt-unsafe)
 
     std::cout << "Destinations (HTTPS, mutual TLS):\n";
     for (const char* name :

@@ -35,7 +35,7 @@ class Simulation {
 
   private:
     // simulation.cpp: the world around the plug-in.
-    bool setUp(bool loadPlugin);
+    bool setUp(bool withPlugin);
     void prepareSandbox();
     bool loadPlugin();
     std::string locatePlugin() const;
@@ -71,6 +71,7 @@ class Simulation {
     bool stepFailed_ = false;
     int stepStartShortfall_ = 0;
     int stepStartExpected_ = 0;
+    int ssePort_ = -1;
 };
 
 } // namespace rfevent::sim
