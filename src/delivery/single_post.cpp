@@ -4,6 +4,7 @@
 #include <curl/curl.h>
 #include <unistd.h>
 
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -28,14 +29,36 @@ bool holdsLineBreak(const std::string& text) {
     return text.find_first_of("\r\n") != std::string::npos;
 }
 
-curl_slist* appendHeader(curl_slist* list, const std::string& line) {
-    curl_slist* longer = curl_slist_append(list, line.c_str());
-    return longer != nullptr ? longer : list;
+struct HeaderListFree {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using HeaderList = std::unique_ptr<curl_slist, HeaderListFree>;
+
+// The easy handle of one call; released on every way out, a thrown exception included.
+struct EasyHandle {
+    CURL* curl = curl_easy_init();
+    EasyHandle() = default;
+    EasyHandle(const EasyHandle&) = delete;
+    EasyHandle& operator=(const EasyHandle&) = delete;
+    ~EasyHandle() {
+        if (curl != nullptr) {
+            RF_LOG(kLogError, "[%s():%d]calling curl_easy_cleanup\n");
+            curl_easy_cleanup(curl);
+        }
+    }
+};
+
+void appendHeader(HeaderList& list, const std::string& line) {
+    curl_slist* longer = curl_slist_append(list.get(), line.c_str());
+    if (longer != nullptr) {
+        (void)list.release();
+        list.reset(longer);
+    }
 }
 
 // "name:value" for every member of every "HttpHeaders" object, then the content type.
-curl_slist* buildHeaderList(const Json::Value& subscription) {
-    curl_slist* list = nullptr;
+HeaderList buildHeaderList(const Json::Value& subscription) {
+    HeaderList list;
     const Json::Value& headers = subscription["HttpHeaders"];
     if (headers.size() == 0) {
         RF_LOG(kLogDebug, "[%s():%d]HttpHeader size is Zero");
@@ -53,11 +76,12 @@ curl_slist* buildHeaderList(const Json::Value& subscription) {
             }
             std::string line = name + ":" + value;
             RF_LOG(kLogDebug, "[%s():%d]Headervalue:%s", line.c_str());
-            list = appendHeader(list, line);
+            appendHeader(list, line);
         }
     }
     RF_LOG(kLogDebug, "[%s():%d]End Of For Loop");
-    return appendHeader(list, "Content-Type: application/json");
+    appendHeader(list, "Content-Type: application/json");
+    return list;
 }
 
 // Options 1-8 in their fixed order; false (already logged) when one is refused.
@@ -186,6 +210,34 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts, int interval, bo
     }
 }
 
+// Steps under the POST lock: set-up, the attempts, clean-up (header list, then handle).
+void postLocked(const char* formData, const char* uri, const Json::Value& subscription,
+                int attempts, int interval, int ignoreSwitch, bool* failed) {
+    std::lock_guard<std::mutex> guard(postLock());
+    if (formData == nullptr || uri == nullptr) {
+        RF_LOG(kLogError, "[%s():%d]formData or URI is NULL:\n");
+        return;
+    }
+    RF_LOG(kLogDebug, "[%s():%d]formData:%s\n", formData);
+    RF_LOG(kLogDebug, "[%s():%d]uri:%s\n", uri);
+    EasyHandle handle;
+    if (handle.curl == nullptr) {
+        RF_LOG(kLogError, "[%s():%d]libcurl initialization failed\n");
+        return;
+    }
+    HeaderList headers = buildHeaderList(subscription);
+    if (!setTransferOptions(handle.curl, uri, interval, headers.get()) ||
+        !setCertificateChecking(handle.curl, ignoreSwitch)) {
+        return;
+    }
+    CURLcode rc = curl_easy_setopt(handle.curl, CURLOPT_POSTFIELDS, formData);
+    if (rc != CURLE_OK) {
+        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_POSTFIELDS failed:%d\n", rc);
+        return;
+    }
+    attemptDelivery(handle.curl, uri, attempts, interval, failed);
+}
+
 } // namespace
 
 void sendHTTPPacketByCURL(const char* formData, const char* uri, const Json::Value& subscription,
@@ -197,33 +249,6 @@ void sendHTTPPacketByCURL(const char* formData, const char* uri, const Json::Val
     int ignoreSwitch = getIgnoreCertificateErrors();
     RF_LOG(kLogInfo, "[%s():%d]retryAttempts:%d, retryIntervalSec:%d", attempts, interval);
     RF_LOG(kLogInfo, "[%s():%d]isIgnoreCertificateErrors:%d", ignoreSwitch);
-
-    std::lock_guard<std::mutex> guard(postLock());
-    if (formData == nullptr || uri == nullptr) {
-        RF_LOG(kLogError, "[%s():%d]formData or URI is NULL:\n");
-        RF_EXIT();
-        return;
-    }
-    RF_LOG(kLogDebug, "[%s():%d]formData:%s\n", formData);
-    RF_LOG(kLogDebug, "[%s():%d]uri:%s\n", uri);
-    CURL* curl = curl_easy_init();
-    if (curl == nullptr) {
-        RF_LOG(kLogError, "[%s():%d]libcurl initialization failed\n");
-        RF_EXIT();
-        return;
-    }
-    curl_slist* headers = buildHeaderList(subscription);
-    if (setTransferOptions(curl, uri, interval, headers) &&
-        setCertificateChecking(curl, ignoreSwitch)) {
-        CURLcode rc = curl_easy_setopt(curl, CURLOPT_POSTFIELDS, formData);
-        if (rc != CURLE_OK) {
-            RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_POSTFIELDS failed:%d\n", rc);
-        } else {
-            attemptDelivery(curl, uri, attempts, interval, failed);
-        }
-    }
-    curl_slist_free_all(headers);
-    RF_LOG(kLogError, "[%s():%d]calling curl_easy_cleanup\n");
-    curl_easy_cleanup(curl);
+    postLocked(formData, uri, subscription, attempts, interval, ignoreSwitch, failed);
     RF_EXIT();
 }

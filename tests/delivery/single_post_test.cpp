@@ -284,6 +284,22 @@ TEST_F(SinglePostTest, RefusedOptionEndsTheCallWithoutAttempt) {
     EXPECT_TRUE(tk::eventLogEntries().empty());
 }
 
+TEST_F(SinglePostTest, MalformedHeadersThrowAndReleaseEverything) {
+    tk::writeDeliveryAttributes(1, 0, "Yes");
+    tk::HttpsServer server(pki_);
+    Json::Value subscription(Json::objectValue);
+    subscription["HttpHeaders"].append("not an object");
+    tk::LogCapture log;
+    bool failed = true;
+    EXPECT_THROW(sendHTTPPacketByCURL(kBody, server.url().c_str(), subscription, &failed),
+                 Json::LogicError);
+    EXPECT_FALSE(failed);
+    EXPECT_EQ(log.count(2, "calling curl_easy_cleanup"), 1);
+    // The POST lock was released: the next call goes through.
+    EXPECT_FALSE(post(server.url()));
+    EXPECT_EQ(server.requestCount(), 1u);
+}
+
 TEST_F(SinglePostTest, PostsFromSeveralThreadsRunOneAtATime) {
     tk::writeDeliveryAttributes(1, 0, "Yes");
     tk::HttpsServer server(pki_);
