@@ -1,12 +1,242 @@
 #include "telemetry/notify_thread.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-// Placeholder thread bodies: they park until their subsystem lands.
-void* TelemetryServiceNotifyWaitThread(void* unused) {
-    (void)unused;
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "frame/lifecycle.h"
+#include "platform/log.h"
+#include "platform/paths.h"
+#include "sse/filter.h"
+#include "subscriptions/report_delivery.h"
+#include "telemetry/log_reports.h"
+#include "telemetry/report_db.h"
+
+namespace rfevent {
+
+TelemetryPipeActions defaultTelemetryPipeActions() {
+    return {execute_report_views, send_report_to_subscription, send_report_to_sse,
+            sendSerialLogToSSE, sendCPUDumpToTelemetry};
+}
+
+TelemetryPipeActions g_telemetryPipeActions = defaultTelemetryPipeActions();
+
+namespace {
+
+const char* telemetryFifo() {
+    return fixedPath(FixedPath::TelemetryFifo);
+}
+
+bool flagClear() {
+    return g_telemetryNotifyFlag.load(std::memory_order_relaxed) == 0;
+}
+
+struct FreeDeleter {
+    void operator()(char* text) const { std::free(text); }
+};
+
+// Looks the report up and hands it to both fan-outs.
+void lookUpAndSend(const char* reportName) {
+    std::unique_ptr<char, FreeDeleter> report(g_telemetryPipeActions.lookup(reportName));
+    if (report) {
+        RF_LOG(kLogInfo, "[%s():%d]Sending reports to Subscription and SSE");
+        g_telemetryPipeActions.sendToSubscriptions(report.get());
+        g_telemetryPipeActions.sendToSse(report.get());
+    }
+}
+
+// One announcement: a command or a report name. Names are compared over their own length,
+// so any leading part of a command name (and the empty name) runs that command.
+void handleName(TelemetryPipeState& state, bool useFragment) {
+    std::size_t length = std::strlen(state.name);
+    if (strncasecmp(state.name, "seriallog", length) == 0) {
+        g_telemetryPipeActions.serialLogReport();
+    } else if (strncasecmp(state.name, "CPURegisters", length) == 0) {
+        g_telemetryPipeActions.cpuRegisterReport();
+    } else if (useFragment) {
+        RF_LOG(kLogInfo, "[%s():%d]Reading first report name from pipe");
+        std::snprintf(state.combined, sizeof state.combined, "%s%s", state.savedFragment,
+                      state.name);
+        RF_LOG(kLogInfo, "[%s():%d]Combined report name : %s\n", state.combined);
+        lookUpAndSend(state.combined);
+    } else {
+        lookUpAndSend(state.name);
+    }
+}
+
+// The unit of work of the thread is one announcement: a failure drops it and the parse goes
+// on with the next one.
+void handleNameGuarded(TelemetryPipeState& state, bool useFragment) {
+    try {
+        handleName(state, useFragment);
+    } catch (const std::exception& error) {
+        RF_LOG(kLogError, "[%s():%d]Report announcement dropped: %s", error.what());
+    } catch (...) {
+        RF_LOG(kLogError, "[%s():%d]Report announcement dropped");
+    }
+}
+
+} // namespace
+
+void parseTelemetryRead(TelemetryPipeState& state, int n) {
+    const int maxName = static_cast<int>(kTelemetryNameSize) - 1;
+    int i = 0;
+    int j = 0;
+    while (i < n) {
+        char byte = state.readBuffer[i];
+        if (byte == '|') {
+            if (i == 0) {
+                i = 1;
+                continue;
+            }
+            state.name[j] = '\0';
+            RF_LOG(kLogInfo, "[%s():%d]Telemetry report  = %s \n", state.name);
+            // A name that started this read whole may be the rest of the last cut name.
+            bool useFragment =
+                j == i && state.readBuffer[0] != '|' && state.savedFragment[0] != '\0';
+            handleNameGuarded(state, useFragment);
+            i += 2; // the byte after "|" is the writer's terminator
+            j = 0;
+            continue;
+        }
+        if (j >= maxName) {
+            ++i;
+            continue;
+        }
+        state.name[j] = byte;
+        if (i == n - 1) {
+            std::memcpy(state.savedFragment, state.name, static_cast<std::size_t>(j) + 1);
+            state.savedFragment[j + 1] = '\0';
+            RF_LOG(kLogInfo, "[%s():%d]Last report name fragment :%s", state.savedFragment);
+            return;
+        }
+        ++i;
+        ++j;
+    }
+}
+
+TelemetryPassStart openTelemetryPipe(int* fd) {
+    *fd = -1;
+    RF_LOG(kLogInfo, "[%s():%d]Redfish Telemetry service  FIFO CREATION");
+    int status = mkfifo(telemetryFifo(), 0660);
+    int error = errno;
+    RF_LOG(kLogInfo, "[%s():%d]Redfish Telemetry service FIFO  status = %d , errno = %d  %s",
+           status, error, std::strerror(error));
+    if (status != 0 && error != EEXIST) {
+        return TelemetryPassStart::PipeFailed;
+    }
+    status = telemetrySvc_registerForReportTriggers(telemetryFifo(), kTelemetryRegistrationId);
+    if (status != 0) {
+        RF_LOG(kLogInfo, "[%s():%d]telemetrySvc_registerForReportTriggers failed, status = %d \n",
+               status);
+        return TelemetryPassStart::RegisterFailed;
+    }
+    RF_LOG(kLogInfo, "[%s():%d]Redfish Telemetry service FIFO created");
+    RF_LOG(kLogInfo, "[%s():%d]waiting on TELEMETRYFIFO  %s", telemetryFifo());
+    *fd = open(telemetryFifo(), O_RDONLY);
+    RF_LOG(kLogInfo, "[%s():%d]TELEMETRYFIFO Opened %s", telemetryFifo());
+    if (*fd < 0) {
+        RF_LOG(kLogError, "[%s():%d]Named pipe open failed");
+        return TelemetryPassStart::OpenFailed;
+    }
+    return TelemetryPassStart::Opened;
+}
+
+ssize_t readTelemetryPipeOnce(TelemetryPipeState& state, int fd) {
+    ssize_t count = read(fd, state.readBuffer, sizeof state.readBuffer);
+    if (count < 0) {
+        return count;
+    }
+    RF_LOG(kLogDebug, "[%s():%d]TELEMETRYFIFO read happened %s", telemetryFifo());
+    if (count > 0) {
+        // The buffer has no room for a terminator: log a bounded copy.
+        std::string text(state.readBuffer, static_cast<std::size_t>(count));
+        RF_LOG(kLogInfo, "[%s():%d]Telemetry service to RF %s, %d\n", text.c_str(),
+               static_cast<int>(count));
+        parseTelemetryRead(state, static_cast<int>(count));
+        std::memset(state.readBuffer, 0, sizeof state.readBuffer);
+    }
+    return count;
+}
+
+namespace {
+
+// Reads until read() fails; a pipe without writer is polled every second.
+void readUntilError(TelemetryPipeState& state, int fd) {
+    for (;;) {
+        ssize_t count = 0;
+        try {
+            count = readTelemetryPipeOnce(state, fd);
+        } catch (const std::exception& error) {
+            RF_LOG(kLogError, "[%s():%d]Telemetry read dropped: %s", error.what());
+            std::memset(state.readBuffer, 0, sizeof state.readBuffer);
+            continue;
+        }
+        if (count < 0) {
+            return;
+        }
+        if (count == 0) {
+            sleep(1);
+        }
+    }
+}
+
+[[noreturn]] void parkForever() {
     for (;;) {
         sleep(3600);
     }
 }
 
+} // namespace
+
+} // namespace rfevent
+
+void* TelemetryServiceNotifyWaitThread(void* unused) {
+    using namespace rfevent;
+    (void)unused;
+    // Lives as long as the thread, that is as long as the process.
+    TelemetryPipeState* state = nullptr;
+    try {
+        state = new TelemetryPipeState();
+    } catch (...) {
+        RF_LOG(kLogError, "[%s():%d]Telemetry notify thread has no buffers");
+        parkForever();
+    }
+    RF_LOG(kLogInfo, "[%s():%d]TelemetryService notify thread start");
+    RF_LOG(kLogInfo, "[%s():%d]In funtion \nthread id = %lu\n",
+           static_cast<unsigned long>(pthread_self()));
+    for (;;) {
+        if (!flagClear()) {
+            parkForever();
+        }
+        int fd = -1;
+        TelemetryPassStart start = TelemetryPassStart::PipeFailed;
+        try {
+            start = openTelemetryPipe(&fd);
+        } catch (const std::exception& error) {
+            RF_LOG(kLogError, "[%s():%d]Telemetry pipe pass dropped: %s", error.what());
+        }
+        if (start == TelemetryPassStart::RegisterFailed) {
+            sleep(1);
+            continue;
+        }
+        if (start == TelemetryPassStart::Opened) {
+            readUntilError(*state, fd);
+            close(fd);
+        }
+        if (flagClear()) {
+            sleep(1);
+        }
+    }
+}

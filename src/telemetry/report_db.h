@@ -17,7 +17,8 @@ char* execute_report_views(const char* reportName);
 // SQL function "GetISODateTime": the local time as text, e.g. "2024-05-01T13:45:10+05:30".
 void sqlGetISODateTime(sqlite3_context* context, int argc, sqlite3_value** argv);
 
-// Turns a "+hhmm" zone offset at the end of text into "+hh:mm", in place.
+// Turns a "+hhmm" zone offset at the end of text into "+hh:mm", in place. The text grows by
+// one character: the byte after its terminator must be zero and belong to the buffer.
 void addColonToZoneOffset(char* text);
 
 #endif

@@ -1,0 +1,131 @@
+#include "telemetry/report_db.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "platform/log.h"
+#include "platform/paths.h"
+
+using rfevent::kLogDebug;
+using rfevent::kLogError;
+using rfevent::kLogInfo;
+
+pthread_mutex_t reportViewMutex = PTHREAD_MUTEX_INITIALIZER;
+
+namespace {
+
+// The connection of the lookup in progress; only touched with reportViewMutex held.
+sqlite3* g_telemetryDb = nullptr;
+
+constexpr int kBusyTimeoutMs = 10000;
+constexpr std::size_t kSqlSize = 256;
+constexpr std::size_t kPathSize = 256;
+constexpr std::size_t kTimeSize = 64;
+
+} // namespace
+
+int intialize_tdb(void) {
+    int status = sqlite3_open_v2(rfevent::fixedPath(rfevent::FixedPath::TelemetryDatabase),
+                                 &g_telemetryDb, SQLITE_OPEN_READONLY, nullptr);
+    if (status != SQLITE_OK) {
+        RF_LOG(kLogError, "[%s():%d]Can't open database: %s", sqlite3_errmsg(g_telemetryDb));
+        return 1;
+    }
+    sqlite3_busy_timeout(g_telemetryDb, kBusyTimeoutMs);
+    status = sqlite3_create_function(g_telemetryDb, "GetISODateTime", -1, SQLITE_UTF8, nullptr,
+                                     sqlGetISODateTime, nullptr, nullptr);
+    if (status != SQLITE_OK) {
+        RF_LOG(kLogError, "[%s():%d]failed to create GetISODateTime");
+        return 1;
+    }
+    RF_LOG(kLogDebug, "[%s():%d]successfully created GetISODateTime");
+    RF_LOG(kLogInfo, "[%s():%d]TDB is initialized");
+    return 0;
+}
+
+char* execute_report_views(const char* reportName) {
+    char* result = nullptr;
+    sqlite3_stmt* statement = nullptr;
+
+    pthread_mutex_lock(&reportViewMutex);
+    char sql[kSqlSize];
+    std::snprintf(sql, sizeof sql, "select root from JSON where [@odata.id] = ?");
+    // A failed open shows up as a failed prepare below.
+    (void)intialize_tdb();
+
+    RF_LOG(kLogInfo, "[%s():%d]report name  [%s]", reportName);
+    char resourcePath[kPathSize];
+    std::snprintf(resourcePath, sizeof resourcePath,
+                  "/redfish/v1/TelemetryService/MetricReports/%s", reportName);
+    RF_LOG(kLogDebug, "[%s():%d]SQL Command: [%s]:[%s]", sql, resourcePath);
+
+    int status =
+        sqlite3_prepare_v3(g_telemetryDb, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
+    if (status != SQLITE_OK) {
+        RF_LOG(kLogError, "[%s():%d]TDB status: %d, sqlite3_prepare_v3 failure: %s", status,
+               sqlite3_errmsg(g_telemetryDb));
+    } else if ((status = sqlite3_bind_text(statement, 1, resourcePath, -1, SQLITE_TRANSIENT)) !=
+               SQLITE_OK) {
+        RF_LOG(kLogError, "[%s():%d]TDB status: %d, sqlite3_bind_text failure: %s", status,
+               sqlite3_errmsg(g_telemetryDb));
+    } else {
+        // The connection's busy time-out paces each step; a busy or locked database is simply
+        // stepped again.
+        status = sqlite3_step(statement);
+        while (status == SQLITE_BUSY || status == SQLITE_LOCKED) {
+            RF_LOG(kLogDebug, "[%s():%d]sql step status: %d\n", status);
+            status = sqlite3_step(statement);
+        }
+        const unsigned char* text = sqlite3_column_text(statement, 0);
+        if (text != nullptr) {
+            result = strdup(reinterpret_cast<const char*>(text));
+        }
+    }
+
+    if (statement != nullptr) {
+        sqlite3_finalize(statement);
+    }
+    if (g_telemetryDb != nullptr) {
+        sqlite3_close(g_telemetryDb);
+        g_telemetryDb = nullptr;
+    }
+    pthread_mutex_unlock(&reportViewMutex);
+    return result;
+}
+
+void addColonToZoneOffset(char* text) {
+    if (text == nullptr || *text == '\0') {
+        return;
+    }
+    // Shift the tail right until the sign sits three places before the current end, then
+    // the colon goes where the last shifted character was. The caller's zeroed buffer
+    // supplies the terminator after the longer text.
+    std::size_t end = std::strlen(text);
+    while (end > 0) {
+        if (end >= 3 && (text[end - 3] == '+' || text[end - 3] == '-')) {
+            break;
+        }
+        text[end] = text[end - 1];
+        --end;
+    }
+    text[end] = ':';
+}
+
+void sqlGetISODateTime(sqlite3_context* context, int argc, sqlite3_value** argv) {
+    (void)argc;
+    (void)argv;
+    std::time_t now = std::time(nullptr);
+    struct tm local = {};
+    localtime_r(&now, &local);
+    char formatted[kTimeSize] = {};
+    std::strftime(formatted, sizeof formatted, "%Y-%m-%dT%H:%M:%S%z", &local);
+
+    char* block = static_cast<char*>(sqlite3_malloc64(kTimeSize));
+    if (block == nullptr) {
+        return;
+    }
+    addColonToZoneOffset(formatted);
+    std::memcpy(block, formatted, kTimeSize);
+    sqlite3_result_text(context, block, -1, sqlite3_free);
+}

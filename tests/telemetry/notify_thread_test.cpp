@@ -1,0 +1,346 @@
+// The telemetry pipe reader: real FIFO, byte patterns as the telemetry service writes them,
+// recorded lookups and commands.
+#include "telemetry/notify_thread.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "frame/lifecycle.h"
+#include "harness/log_capture.h"
+#include "harness/sandbox.h"
+#include "platform/paths.h"
+#include "telemetry/report_db.h"
+
+namespace {
+
+using rfevent::TelemetryPipeState;
+using rfevent::testkit::LogCapture;
+
+const std::string kReportsPrefix = "/redfish/v1/TelemetryService/MetricReports/";
+
+// What the parser asked for, in order.
+struct Recorder {
+    std::mutex mutex;
+    std::vector<std::string> events;  // "lookup:X", "subscription:R", "sse:R", "serial", "cpu"
+    std::vector<std::string> missing; // names the fake lookup does not find
+    std::string throwOn;              // report text whose subscription send throws
+
+    void add(const std::string& event) {
+        std::lock_guard<std::mutex> lock(mutex);
+        events.push_back(event);
+    }
+    std::vector<std::string> snapshot() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return events;
+    }
+};
+
+Recorder* g_recorder = nullptr;
+
+char* fakeLookup(const char* name) {
+    g_recorder->add(std::string("lookup:") + name);
+    for (const auto& missing : g_recorder->missing) {
+        if (missing == name) {
+            return nullptr;
+        }
+    }
+    return strdup((std::string("report-") + name).c_str());
+}
+int recordSubscription(const char* report) {
+    if (g_recorder->throwOn == report) {
+        throw std::runtime_error("subscription store broke");
+    }
+    g_recorder->add(std::string("subscription:") + report);
+    return 0;
+}
+int recordSse(const char* report) {
+    g_recorder->add(std::string("sse:") + report);
+    return 0;
+}
+int recordSerial() {
+    g_recorder->add("serial");
+    return 0;
+}
+void recordCpu() {
+    g_recorder->add("cpu");
+}
+
+std::string fifoPath() {
+    return rfevent::fixedPath(rfevent::FixedPath::TelemetryFifo);
+}
+
+class NotifyParserTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        rfevent::testkit::resetSandbox();
+        g_recorder = &recorder_;
+        rfevent::g_telemetryPipeActions = {fakeLookup, recordSubscription, recordSse, recordSerial,
+                                           recordCpu};
+        state_ = std::make_unique<TelemetryPipeState>();
+        // Our writer end exists first, so the product's blocking open returns at once.
+        ASSERT_EQ(0, mkfifo(fifoPath().c_str(), 0660));
+        writer_ = open(fifoPath().c_str(), O_RDWR);
+        ASSERT_GE(writer_, 0);
+        ASSERT_EQ(rfevent::TelemetryPassStart::Opened, rfevent::openTelemetryPipe(&reader_));
+    }
+    void TearDown() override {
+        close(reader_);
+        close(writer_);
+        rfevent::g_telemetryPipeActions = rfevent::defaultTelemetryPipeActions();
+        g_recorder = nullptr;
+    }
+
+    // One write by the telemetry service, then one read by the product.
+    void deliver(const std::string& bytes) {
+        ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(writer_, bytes.data(), bytes.size()));
+        ASSERT_EQ(static_cast<ssize_t>(bytes.size()),
+                  rfevent::readTelemetryPipeOnce(*state_, reader_));
+    }
+
+    std::vector<std::string> events() { return recorder_.snapshot(); }
+
+    Recorder recorder_;
+    std::unique_ptr<TelemetryPipeState> state_;
+    int writer_ = -1;
+    int reader_ = -1;
+};
+
+std::string announce(const std::string& name) {
+    return name + "|" + std::string(1, '\0');
+}
+
+using Events = std::vector<std::string>;
+
+TEST_F(NotifyParserTest, OneAnnouncementIsLookedUpAndSentToBothFanOuts) {
+    LogCapture log;
+    deliver(announce("Rpt1"));
+    EXPECT_EQ((Events{"lookup:Rpt1", "subscription:report-Rpt1", "sse:report-Rpt1"}), events());
+    EXPECT_TRUE(log.containsAny("Telemetry report  = Rpt1"));
+    EXPECT_TRUE(log.containsAny("Sending reports to Subscription and SSE"));
+}
+
+TEST_F(NotifyParserTest, TwoAnnouncementsInOneRead) {
+    deliver(announce("A") + announce("B"));
+    EXPECT_EQ((Events{"lookup:A", "subscription:report-A", "sse:report-A", "lookup:B",
+                      "subscription:report-B", "sse:report-B"}),
+              events());
+}
+
+TEST_F(NotifyParserTest, NamesWithoutTerminatorLoseTheNextFirstCharacter) {
+    deliver("A|B|");
+    EXPECT_EQ((Events{"lookup:A", "subscription:report-A", "sse:report-A", "serial"}), events());
+}
+
+TEST_F(NotifyParserTest, CommandNamesMatchAsPrefixesInAnyCase) {
+    deliver(announce("SerialLog"));
+    deliver(announce("serial"));
+    deliver(announce("cpu"));
+    deliver(announce("CPUREGISTERS"));
+    EXPECT_EQ((Events{"serial", "serial", "cpu", "cpu"}), events());
+}
+
+TEST_F(NotifyParserTest, LongerThanACommandNameIsAReport) {
+    deliver(announce("CPURegistersX"));
+    EXPECT_EQ((Events{"lookup:CPURegistersX", "subscription:report-CPURegistersX",
+                      "sse:report-CPURegistersX"}),
+              events());
+}
+
+TEST_F(NotifyParserTest, FragmentAcrossReadsIsJoinedAndStaysStale) {
+    LogCapture log;
+    deliver("Rep");
+    EXPECT_TRUE(events().empty());
+    EXPECT_TRUE(log.containsAny("Last report name fragment :Rep"));
+    deliver("ort1|" + std::string(1, '\0'));
+    deliver(announce("Foo"));
+    EXPECT_EQ((Events{"lookup:Report1", "subscription:report-Report1", "sse:report-Report1",
+                      "lookup:RepFoo", "subscription:report-RepFoo", "sse:report-RepFoo"}),
+              events());
+    EXPECT_EQ(2, log.countAny("Reading first report name from pipe"));
+    EXPECT_TRUE(log.containsAny("Combined report name : RepFoo"));
+}
+
+TEST_F(NotifyParserTest, StaleFragmentOnlyPrefixesTheFirstNameOfARead) {
+    deliver("Rep");
+    deliver(announce("X") + announce("Y"));
+    EXPECT_EQ((Events{"lookup:RepX", "subscription:report-RepX", "sse:report-RepX", "lookup:Y",
+                      "subscription:report-Y", "sse:report-Y"}),
+              events());
+}
+
+TEST_F(NotifyParserTest, LeadingBarIsSkippedAndDisablesTheFragment) {
+    deliver("Rep");
+    deliver("|" + announce("Foo"));
+    EXPECT_EQ((Events{"lookup:Foo", "subscription:report-Foo", "sse:report-Foo"}), events());
+}
+
+TEST_F(NotifyParserTest, ALaterCutNameReplacesTheFragment) {
+    deliver("Report");
+    deliver(announce("Z") + "Ab");
+    deliver(announce("1"));
+    EXPECT_EQ((Events{"lookup:ReportZ", "subscription:report-ReportZ", "sse:report-ReportZ",
+                      "lookup:Ab1", "subscription:report-Ab1", "sse:report-Ab1"}),
+              events());
+}
+
+TEST_F(NotifyParserTest, OverLongNameIsLookedUpByItsFirst255Characters) {
+    std::string name(300, 'x');
+    deliver(announce(name));
+    ASSERT_FALSE(events().empty());
+    EXPECT_EQ("lookup:" + std::string(255, 'x'), events()[0]);
+}
+
+TEST_F(NotifyParserTest, OverLongFirstNameIsNotJoinedWithTheFragment) {
+    deliver("Rep");
+    deliver(announce(std::string(260, 'y')));
+    ASSERT_FALSE(events().empty());
+    EXPECT_EQ("lookup:" + std::string(255, 'y'), events()[0]);
+}
+
+TEST_F(NotifyParserTest, ReportNotFoundSendsNothing) {
+    recorder_.missing = {"Gone"};
+    deliver(announce("Gone") + announce("Here"));
+    EXPECT_EQ((Events{"lookup:Gone", "lookup:Here", "subscription:report-Here", "sse:report-Here"}),
+              events());
+}
+
+TEST_F(NotifyParserTest, FailingAnnouncementIsDroppedAndTheNextOneServed) {
+    recorder_.throwOn = "report-Bad";
+    LogCapture log;
+    deliver(announce("Bad") + announce("Good"));
+    EXPECT_EQ((Events{"lookup:Bad", "lookup:Good", "subscription:report-Good", "sse:report-Good"}),
+              events());
+    EXPECT_TRUE(log.contains(2, "subscription store broke"));
+}
+
+TEST_F(NotifyParserTest, ReadBufferIsZeroedAfterEveryRead) {
+    deliver(announce("Longer"));
+    deliver(announce("S1")); // "S1" + stale bytes would not be a command
+    EXPECT_EQ("lookup:S1", events()[3]);
+    for (char byte : state_->readBuffer) {
+        ASSERT_EQ('\0', byte);
+    }
+}
+
+TEST_F(NotifyParserTest, ParseDrivenDirectly) {
+    const char bytes[] = "cpu|\0Rpt|\0";
+    std::memcpy(state_->readBuffer, bytes, sizeof bytes - 1);
+    rfevent::parseTelemetryRead(*state_, static_cast<int>(sizeof bytes - 1));
+    EXPECT_EQ((Events{"cpu", "lookup:Rpt", "subscription:report-Rpt", "sse:report-Rpt"}), events());
+}
+
+TEST_F(NotifyParserTest, EveryPassRegistersThePipeWithId43) {
+    close(reader_);
+    ASSERT_EQ(rfevent::TelemetryPassStart::Opened, rfevent::openTelemetryPipe(&reader_));
+    std::string registrations = rfevent::testkit::readFile(
+        rfevent::testkit::rooted("/var/lib/rfevent/report-triggers.log"));
+    std::string line = fifoPath() + " 43\n";
+    EXPECT_EQ(line + line, registrations);
+}
+
+// Lookups in the real database, sends recorded.
+class NotifyDatabaseTest : public NotifyParserTest {
+  protected:
+    void SetUp() override {
+        NotifyParserTest::SetUp();
+        rfevent::g_telemetryPipeActions.lookup = execute_report_views;
+    }
+    void createDatabase() {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(SQLITE_OK,
+                  sqlite3_open(rfevent::fixedPath(rfevent::FixedPath::TelemetryDatabase), &db));
+        std::string sql = "CREATE TABLE JSON (root TEXT, \"@odata.id\" TEXT);"
+                          "INSERT INTO JSON VALUES ('{\"Id\":\"Rpt1\"}', '" +
+                          kReportsPrefix + "Rpt1');";
+        ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr));
+        sqlite3_close(db);
+    }
+};
+
+TEST_F(NotifyDatabaseTest, AnnouncedReportIsFetchedByItsResourcePath) {
+    createDatabase();
+    deliver(announce("Rpt1"));
+    EXPECT_EQ((Events{R"(subscription:{"Id":"Rpt1"})", R"(sse:{"Id":"Rpt1"})"}), events());
+}
+
+TEST_F(NotifyDatabaseTest, ReportMissingFromTheDatabaseSendsNothing) {
+    createDatabase();
+    deliver(announce("Rpt2"));
+    EXPECT_TRUE(events().empty());
+}
+
+TEST_F(NotifyDatabaseTest, AbsentDatabaseSendsNothing) {
+    deliver(announce("Rpt1"));
+    EXPECT_TRUE(events().empty());
+}
+
+// The real thread with recorded actions.
+class NotifyThreadTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        rfevent::testkit::resetSandbox();
+        g_recorder = &recorder_;
+        rfevent::g_telemetryPipeActions = {fakeLookup, recordSubscription, recordSse, recordSerial,
+                                           recordCpu};
+    }
+    Recorder recorder_;
+};
+
+bool waitFor(const std::function<bool()>& condition) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return condition();
+}
+
+void startThread() {
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, TelemetryServiceNotifyWaitThread, nullptr));
+    pthread_detach(thread);
+}
+
+TEST_F(NotifyThreadTest, ThreadWithFlagSetStaysParked) {
+    rfevent::g_telemetryNotifyFlag.store(1);
+    LogCapture log;
+    startThread();
+    EXPECT_TRUE(waitFor([&] { return log.containsAny("TelemetryService notify thread start"); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    struct stat info;
+    EXPECT_NE(0, stat(fifoPath().c_str(), &info)); // never got as far as the pipe
+}
+
+TEST_F(NotifyThreadTest, ThreadReadsAnnouncementsFromItsPipe) {
+    rfevent::g_telemetryNotifyFlag.store(0);
+    startThread();
+    struct stat info;
+    ASSERT_TRUE(waitFor([&] { return stat(fifoPath().c_str(), &info) == 0; }));
+    int writer = open(fifoPath().c_str(), O_WRONLY);
+    ASSERT_GE(writer, 0);
+    std::string bytes = announce("Rpt1") + announce("cpu");
+    ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(writer, bytes.data(), bytes.size()));
+    close(writer);
+    EXPECT_TRUE(waitFor([&] { return recorder_.snapshot().size() == 4; }));
+    EXPECT_EQ((Events{"lookup:Rpt1", "subscription:report-Rpt1", "sse:report-Rpt1", "cpu"}),
+              recorder_.snapshot());
+}
+
+} // namespace

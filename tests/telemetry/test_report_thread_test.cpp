@@ -1,0 +1,154 @@
+// The test report pipe: whole reads delivered as report texts.
+#include "telemetry/test_report_thread.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "frame/lifecycle.h"
+#include "harness/log_capture.h"
+#include "harness/sandbox.h"
+#include "platform/paths.h"
+
+namespace {
+
+using rfevent::testkit::LogCapture;
+
+std::mutex g_mutex;
+std::vector<std::string> g_events;
+bool g_throwOnce = false;
+
+int recordSubscription(const char* report) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    if (g_throwOnce) {
+        g_throwOnce = false;
+        throw std::runtime_error("subscription store broke");
+    }
+    g_events.push_back(std::string("subscription:") + report);
+    return 0;
+}
+int recordSse(const char* report) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_events.push_back(std::string("sse:") + report);
+    return 0;
+}
+std::vector<std::string> events() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_events;
+}
+
+std::string fifoPath() {
+    return rfevent::fixedPath(rfevent::FixedPath::TestReportFifo);
+}
+
+// A report-shaped JSON text of exactly size bytes.
+std::string reportOfSize(std::size_t size) {
+    std::string head = "{\"Id\":\"TestReport\",\"Pad\":\"";
+    std::string tail = "\"}";
+    return head + std::string(size - head.size() - tail.size(), 'p') + tail;
+}
+
+class TestReportPipeTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        rfevent::testkit::resetSandbox();
+        g_events.clear();
+        rfevent::g_testReportActions = {recordSubscription, recordSse};
+        ASSERT_EQ(0, mkfifo(fifoPath().c_str(), 0660));
+        writer_ = open(fifoPath().c_str(), O_RDWR);
+        ASSERT_GE(writer_, 0);
+        reader_ = rfevent::openTestReportPipe();
+        ASSERT_GE(reader_, 0);
+    }
+    void TearDown() override {
+        close(reader_);
+        close(writer_);
+        rfevent::g_testReportActions = rfevent::defaultTestReportActions();
+    }
+    void write(const std::string& bytes) {
+        ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::write(writer_, bytes.data(), bytes.size()));
+    }
+
+    char buffer_[rfevent::kTestReportBufferSize] = {};
+    int writer_ = -1;
+    int reader_ = -1;
+};
+
+TEST_F(TestReportPipeTest, OneReportGoesOnceToEachFanOut) {
+    std::string report = reportOfSize(200);
+    LogCapture log;
+    write(report);
+    EXPECT_EQ(200, rfevent::readTestReportOnce(buffer_, reader_));
+    EXPECT_EQ((std::vector<std::string>{"subscription:" + report, "sse:" + report}), events());
+    EXPECT_TRUE(log.containsAny("TestMetricReport to RF size read  200"));
+    for (char byte : buffer_) {
+        ASSERT_EQ('\0', byte);
+    }
+}
+
+TEST_F(TestReportPipeTest, LongWriteIsDeliveredInReadSizedPieces) {
+    std::string report = reportOfSize(1500);
+    write(report);
+    EXPECT_EQ(1023, rfevent::readTestReportOnce(buffer_, reader_));
+    EXPECT_EQ(477, rfevent::readTestReportOnce(buffer_, reader_));
+    EXPECT_EQ((std::vector<std::string>{
+                  "subscription:" + report.substr(0, 1023), "sse:" + report.substr(0, 1023),
+                  "subscription:" + report.substr(1023), "sse:" + report.substr(1023)}),
+              events());
+}
+
+TEST_F(TestReportPipeTest, FailingDeliveryDropsOnlyThatReport) {
+    g_throwOnce = true;
+    LogCapture log;
+    write("first");
+    EXPECT_EQ(5, rfevent::readTestReportOnce(buffer_, reader_));
+    write("second");
+    EXPECT_EQ(6, rfevent::readTestReportOnce(buffer_, reader_));
+    EXPECT_EQ((std::vector<std::string>{"subscription:second", "sse:second"}), events());
+    EXPECT_TRUE(log.contains(2, "subscription store broke"));
+}
+
+TEST(TestReportThread, FlagSetBeforeTheFirstPassEndsAtOnce) {
+    rfevent::testkit::resetSandbox();
+    rfevent::g_testReportFlag.store(1);
+    LogCapture log;
+    EXPECT_EQ(nullptr, RedfishTestMetricReportThread(nullptr));
+    EXPECT_TRUE(log.contains(5, "Redfish Test report notify thread start"));
+    EXPECT_TRUE(log.contains(5, "Report notify thread end"));
+    struct stat info;
+    EXPECT_NE(0, stat(fifoPath().c_str(), &info));
+}
+
+TEST(TestReportThread, RunningThreadDeliversWhatIsWritten) {
+    rfevent::testkit::resetSandbox();
+    g_events.clear();
+    rfevent::g_testReportActions = {recordSubscription, recordSse};
+    rfevent::g_testReportFlag.store(0);
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, RedfishTestMetricReportThread, nullptr));
+    pthread_detach(thread);
+    struct stat info;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (stat(fifoPath().c_str(), &info) != 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    int writer = open(fifoPath().c_str(), O_WRONLY);
+    ASSERT_GE(writer, 0);
+    std::string report = reportOfSize(200);
+    ASSERT_EQ(200, ::write(writer, report.data(), report.size()));
+    close(writer);
+    while (events().size() < 2 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_EQ((std::vector<std::string>{"subscription:" + report, "sse:" + report}), events());
+}
+
+} // namespace
