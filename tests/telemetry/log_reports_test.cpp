@@ -429,3 +429,58 @@ TEST_F(LogReportsSseTest, CpuRegisterReportStoresAndSends) {
 }
 
 } // namespace
+
+// ---- Push subscribers ------------------------------------------------------------------------
+
+#include "harness/certs.h"
+#include "harness/https_server.h"
+
+namespace {
+
+using namespace rfevent::testkit;
+
+// Metric reports go out in parallel without a client certificate.
+HttpsServerOptions pushSubscriberOptions() {
+    HttpsServerOptions options;
+    options.requireClientCert = false;
+    return options;
+}
+
+TEST_F(SerialLogTest, PushSubscriberGetsTheDocumentUnchanged) {
+    TestPki pki = generateTestPki(rooted("/pki"));
+    installClientCredentials(pki, sandboxRoot());
+    writeDeliveryAttributes(1, 1, "No");
+    HttpsServer server(pki, pushSubscriberOptions());
+    Json::Value store(Json::objectValue);
+    store["1"]["EventFormatType"] = "MetricReport";
+    store["1"]["Destination"] = server.url("/metrics");
+    writeSubscriptionStore(store);
+
+    writeFile(path(FixedPath::SerialLogCapture), "a;b");
+    EXPECT_EQ(0, sendSerialLogToSSE());
+    ASSERT_TRUE(server.waitForRequests(1, std::chrono::seconds(5)));
+    std::string body = server.requests()[0].body;
+    EXPECT_EQ(readFile(path(FixedPath::SerialLogReport)), body);
+    EXPECT_NE(std::string::npos, body.find("a;b"));
+    ASSERT_TRUE(receiver_.waitForPieces(2, std::chrono::seconds(5)));
+    EXPECT_NE(std::string::npos, receiver_.pieces()[0].find("a%3Bb"));
+}
+
+TEST_F(LogReportsSseTest, CpuRegisterReportReachesPushSubscriber) {
+    TestPki pki = generateTestPki(rooted("/pki"));
+    installClientCredentials(pki, sandboxRoot());
+    writeDeliveryAttributes(1, 1, "No");
+    HttpsServer server(pki, pushSubscriberOptions());
+    Json::Value store(Json::objectValue);
+    store["1"]["EventFormatType"] = "MetricReport";
+    store["1"]["Destination"] = server.url("/metrics");
+    writeSubscriptionStore(store);
+
+    writeFile(path(FixedPath::CpuRegisterCapture), "foobar");
+    sendCPUDumpToTelemetry();
+    ASSERT_TRUE(server.waitForRequests(1, std::chrono::seconds(5)));
+    Json::Value doc = parseJson(server.requests()[0].body);
+    EXPECT_EQ("Zm9vYmFy", doc["MetricValues"][0]["MetricValue"].asString());
+}
+
+} // namespace

@@ -344,3 +344,78 @@ TEST_F(NotifyThreadTest, ThreadReadsAnnouncementsFromItsPipe) {
 }
 
 } // namespace
+
+// ---- End to end: the real thread, database, push subscriber and SSE stand-in ----------------
+
+#include "harness/certs.h"
+#include "harness/https_server.h"
+#include "harness/sse_receiver.h"
+
+namespace {
+
+using namespace rfevent::testkit;
+
+// Metric reports go out in parallel without a client certificate.
+HttpsServerOptions pushSubscriberOptions() {
+    HttpsServerOptions options;
+    options.requireClientCert = false;
+    return options;
+}
+
+const std::string kEndToEndReport =
+    R"({"Id":"Rpt1","MetricReportDefinition":{"@odata.id":)"
+    R"("/redfish/v1/TelemetryService/MetricReportDefinitions/Rpt1"},)"
+    R"("MetricValues":[],"ReportSequence":"5"})";
+
+TEST(NotifyEndToEnd, AnnouncedReportReachesPushSubscriberAndSseClient) {
+    resetSandbox();
+    TestPki pki = generateTestPki(rooted("/pki"));
+    installClientCredentials(pki, sandboxRoot());
+    writeDeliveryAttributes(1, 1, "No");
+    HttpsServer server(pki, pushSubscriberOptions());
+    Json::Value store(Json::objectValue);
+    store["1"]["EventFormatType"] = "MetricReport";
+    store["1"]["Destination"] = server.url("/metrics");
+    writeSubscriptionStore(store);
+    Json::Value sse(Json::objectValue);
+    sse["client"]["Event-type"] = "EventFormatType eq MetricReport";
+    writeSseSubscriptions(sse);
+    SseReceiver receiver({"", SseReceiver::portFromEnvironment()});
+
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK,
+              sqlite3_open(rfevent::fixedPath(rfevent::FixedPath::TelemetryDatabase), &db));
+    sqlite3_stmt* insert = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "CREATE TABLE JSON (root TEXT, \"@odata.id\" TEXT)",
+                                      nullptr, nullptr, nullptr));
+    ASSERT_EQ(SQLITE_OK,
+              sqlite3_prepare_v2(db, "INSERT INTO JSON VALUES (?, ?)", -1, &insert, nullptr));
+    sqlite3_bind_text(insert, 1, kEndToEndReport.c_str(), -1, SQLITE_TRANSIENT);
+    sqlite3_bind_text(insert, 2, (kReportsPrefix + "Rpt1").c_str(), -1, SQLITE_TRANSIENT);
+    ASSERT_EQ(SQLITE_DONE, sqlite3_step(insert));
+    sqlite3_finalize(insert);
+    sqlite3_close(db);
+
+    rfevent::g_telemetryPipeActions = rfevent::defaultTelemetryPipeActions();
+    rfevent::g_telemetryNotifyFlag.store(0);
+    startThread();
+    struct stat info;
+    ASSERT_TRUE(waitFor([&] { return stat(fifoPath().c_str(), &info) == 0; }));
+    int writer = open(fifoPath().c_str(), O_WRONLY);
+    ASSERT_GE(writer, 0);
+    std::string bytes = announce("Rpt1");
+    ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(writer, bytes.data(), bytes.size()));
+    close(writer);
+
+    ASSERT_TRUE(server.waitForRequests(1, std::chrono::seconds(5)));
+    RecordedRequest request = server.requests()[0];
+    EXPECT_EQ("POST", request.method);
+    EXPECT_EQ("/metrics", request.target);
+    EXPECT_EQ(kEndToEndReport, request.body);
+
+    ASSERT_TRUE(receiver.waitForPieces(2, std::chrono::seconds(5)));
+    EXPECT_EQ("EventFormatType eq MetricReport=<id:5>:" + kEndToEndReport, receiver.pieces()[0]);
+    EXPECT_EQ("EventFormatType eq MetricReport=<END>", receiver.pieces()[1]);
+}
+
+} // namespace

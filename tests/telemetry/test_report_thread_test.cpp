@@ -152,3 +152,70 @@ TEST(TestReportThread, RunningThreadDeliversWhatIsWritten) {
 }
 
 } // namespace
+
+// ---- End to end: the real thread, push subscriber and SSE stand-in --------------------------
+
+#include "harness/certs.h"
+#include "harness/https_server.h"
+#include "harness/sse_receiver.h"
+
+namespace {
+
+using namespace rfevent::testkit;
+
+// Metric reports go out in parallel without a client certificate.
+HttpsServerOptions pushSubscriberOptions() {
+    HttpsServerOptions options;
+    options.requireClientCert = false;
+    return options;
+}
+
+TEST(TestReportEndToEnd, ReportReachesPushSubscriberAndSseClient) {
+    resetSandbox();
+    TestPki pki = generateTestPki(rooted("/pki"));
+    installClientCredentials(pki, sandboxRoot());
+    writeDeliveryAttributes(1, 1, "No");
+    HttpsServer server(pki, pushSubscriberOptions());
+    Json::Value store(Json::objectValue);
+    store["1"]["EventFormatType"] = "MetricReport";
+    store["1"]["Destination"] = server.url("/metrics");
+    writeSubscriptionStore(store);
+    Json::Value sse(Json::objectValue);
+    sse["client"]["Event-type"] =
+        "MetricReportDefinition eq '/redfish/v1/TelemetryService/MetricReportDefinitions/T'";
+    writeSseSubscriptions(sse);
+    SseReceiver receiver({"", SseReceiver::portFromEnvironment()});
+
+    std::string head = R"({"MetricReportDefinition":{"@odata.id":)"
+                       R"("/redfish/v1/TelemetryService/MetricReportDefinitions/T"},)"
+                       R"("ReportSequence":"9","Pad":")";
+    std::string report = head + std::string(200 - head.size() - 2, 'p') + "\"}";
+    ASSERT_EQ(200u, report.size());
+
+    rfevent::g_testReportActions = rfevent::defaultTestReportActions();
+    rfevent::g_testReportFlag.store(0);
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, RedfishTestMetricReportThread, nullptr));
+    pthread_detach(thread);
+    struct stat info;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (stat(fifoPath().c_str(), &info) != 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    int writer = open(fifoPath().c_str(), O_WRONLY);
+    ASSERT_GE(writer, 0);
+    ASSERT_EQ(200, ::write(writer, report.data(), report.size()));
+    close(writer);
+
+    ASSERT_TRUE(server.waitForRequests(1, std::chrono::seconds(5)));
+    EXPECT_EQ(report, server.requests()[0].body);
+    ASSERT_TRUE(receiver.waitForPieces(2, std::chrono::seconds(5)));
+    std::string key =
+        "MetricReportDefinition eq '/redfish/v1/TelemetryService/MetricReportDefinitions/T'=";
+    EXPECT_EQ(key + "<id:9>:" + report, receiver.pieces()[0]);
+    EXPECT_EQ(key + "<END>", receiver.pieces()[1]);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(1u, server.requestCount());
+}
+
+} // namespace
