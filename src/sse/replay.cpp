@@ -25,10 +25,6 @@ using rfevent::kLogDebug;
 using rfevent::kLogError;
 using rfevent::kLogInfo;
 
-// Weak until the telemetry database lookup is part of every build: without it, every
-// database report reads as a miss.
-char* execute_report_views(const char* reportName) __attribute__((weak));
-
 namespace {
 
 constexpr unsigned kPacingSeconds = 2;
@@ -63,7 +59,7 @@ bool isStoredLogName(const std::string& name) {
 }
 
 char* lookUpReport(const std::string& name) {
-    return execute_report_views != nullptr ? execute_report_views(name.c_str()) : nullptr;
+    return execute_report_views(name.c_str());
 }
 
 // One pass of the FIFO cycle: create, open, read until the read fails, close.
