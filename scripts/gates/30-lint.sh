@@ -2,7 +2,7 @@
 # clang-format (no difference allowed), clang-tidy with the checked-in .clang-tidy, and cppcheck,
 # over the project's own sources. Any finding fails the gate.
 source "$(dirname "$0")/_common.bash"
-scripts/install-deps.sh lint
+scripts/install-deps.sh lint fuzz
 status=0
 
 mapfile -t sources < <(git ls-files -co --exclude-standard -- 'src/*.cpp' 'src/*.h' \
@@ -13,9 +13,11 @@ mapfile -t units < <(printf '%s\n' "${sources[@]}" | grep '\.cpp$')
 echo "-- clang-format (${#sources[@]} files)"
 clang-format --dry-run --Werror "${sources[@]}" || status=1
 
-# A compilation database of the host build; nothing needs to be compiled for the analysis.
+# A compilation database of everything, fuzz targets included, as clang sees it; nothing
+# needs to be compiled for the analysis.
 dir=$gate_build/lint
-cmake --preset debug -B "$dir" -DRFEVENT_BUILD_BENCHMARKS=ON -DRFEVENT_BUILD_TOOLS=ON \
+cmake --preset debug -B "$dir" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+    -DRFEVENT_BUILD_FUZZERS=ON -DRFEVENT_BUILD_BENCHMARKS=ON -DRFEVENT_BUILD_TOOLS=ON \
     >"$gate_build/lint-configure.log" || { cat "$gate_build/lint-configure.log"; exit 1; }
 mapfile -t analysed < <(python3 - "$dir/compile_commands.json" "${units[@]}" <<'PY'
 import json, os, sys
