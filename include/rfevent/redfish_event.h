@@ -23,18 +23,18 @@ extern "C" {
 // record, to NUL-terminated strings stored later in the same buffer (0 = field absent).
 // All integers are little-endian. The plug-in reads the record only during the call.
 typedef struct DataEventHeader {
-    uint8_t platformHeader[16];  // bytes 0-15: not read by the plug-in
-    int32_t eventId;             // 16-19
-    uint16_t reserved20;         // 20-21
-    uint16_t severity;           // 22-23: 1 critical, 2 warning, 3 informational
-    uint32_t reserved24;         // 24-27
-    uint32_t messageIdOffset;    // 28-31: registry message id, e.g. "TVK0182"
-    uint32_t messageOffset;      // 32-35: formatted message text
-    uint32_t fqddOffset;         // 36-39: FQDD of the component
-    uint8_t reserved40[12];      // 40-51
-    uint32_t messageArgsOffset;  // 52-55: packed NUL-terminated strings, ended by an empty one
-    uint8_t reserved56[12];      // 56-67
-    int32_t memberId;            // 68-71: 0 = absent
+    uint8_t platformHeader[16]; // bytes 0-15: not read by the plug-in
+    int32_t eventId;            // 16-19
+    uint16_t reserved20;        // 20-21
+    uint16_t severity;          // 22-23: 1 critical, 2 warning, 3 informational
+    uint32_t reserved24;        // 24-27
+    uint32_t messageIdOffset;   // 28-31: registry message id, e.g. "TVK0182"
+    uint32_t messageOffset;     // 32-35: formatted message text
+    uint32_t fqddOffset;        // 36-39: FQDD of the component
+    uint8_t reserved40[12];     // 40-51
+    uint32_t messageArgsOffset; // 52-55: packed NUL-terminated strings, ended by an empty one
+    uint8_t reserved56[12];     // 56-67
+    int32_t memberId;           // 68-71: 0 = absent
 } DataEventHeader;
 
 // Runs at load (registered as a constructor); initialises libcurl.
@@ -51,7 +51,7 @@ RFEVENT_API void sendRedFishEventAlert(DataEventHeader* header, void* eventConte
 RFEVENT_API char* MapFQDDToRedfishURI(const char* fqdd, char* buffer, uint32_t size);
 
 #ifdef __cplusplus
-}  // extern "C"
+} // extern "C"
 
 #include <fstream>
 #include <string>
@@ -63,7 +63,7 @@ RFEVENT_API void GetEncodedURIsegment(std::string& segment);
 
 // The plug-in's JSON reader: parses with jsoncpp's default reader settings.
 class RFEVENT_API RF_Json_Reader {
-public:
+  public:
     RF_Json_Reader();
     ~RF_Json_Reader();
     // Parses a whole JSON text. The third argument is accepted for compatibility and ignored.
@@ -73,4 +73,4 @@ public:
 };
 #endif
 
-#endif  // RFEVENT_REDFISH_EVENT_H
+#endif // RFEVENT_REDFISH_EVENT_H

@@ -25,8 +25,7 @@ bool isRedfishEventingEnabled() {
 namespace {
 
 // Runs one delivery path; an exception ends that path only, never the host's thread.
-template <typename Path>
-void runGuarded(const char* name, Path path) {
+template <typename Path> void runGuarded(const char* name, Path path) {
     try {
         path();
     } catch (const std::exception& e) {
@@ -36,7 +35,7 @@ void runGuarded(const char* name, Path path) {
     }
 }
 
-}  // namespace
+} // namespace
 
 extern "C" RFEVENT_API void sendRedFishEventAlert(DataEventHeader* header, void* eventContext) {
     RF_ENTER();

@@ -48,7 +48,7 @@ int copyReferencedText(SMILObj* object, uint16_t typeCode, char* dst, uint32_t d
         return -1;
     }
     uint32_t ref = 0;
-    std::memcpy(&ref, body, sizeof ref);  // valueRef and currentValueRef share the layout
+    std::memcpy(&ref, body, sizeof ref); // valueRef and currentValueRef share the layout
     char* text = nullptr;
     if (client_get_string_ptr(object, ref, &text) == 0 && text != nullptr) {
         copyBounded(dst, text, dstLen);
@@ -75,7 +75,7 @@ int printInteger(SMILObj* object, char* dst, uint32_t dstLen) {
     return 0;
 }
 
-}  // namespace
+} // namespace
 
 int GetAttrObjByKey_DBUS(const char* key, char* dst, uint32_t dstLen) {
     RF_ENTER();
@@ -124,9 +124,8 @@ int getDeliveryRetryAttemptsValue() {
         RF_LOG(kLogDebug, "[%s():%d]deliveryRetryAttempts::%s ", buffer);
         value = static_cast<int>(std::strtol(buffer, nullptr, 10));
     } else {
-        RF_LOG(kLogError,
-               "[%s():%d]GetAttrObjByKey FAILED for deliveryRetryAttempts, so skip this "
-               "attribute\n");
+        RF_LOG(kLogError, "[%s():%d]GetAttrObjByKey FAILED for deliveryRetryAttempts, so skip this "
+                          "attribute\n");
     }
     RF_EXIT();
     return value;

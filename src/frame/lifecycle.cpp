@@ -42,9 +42,13 @@ int startSseInfra(ThreadSlot* slot) {
     return createInto(slot, RedfishSSEInfraNotifyThread);
 }
 
-int startInvalidDest1(ThreadSlot* slot) { return createInto(slot, InvalidDestHandlingThread1); }
+int startInvalidDest1(ThreadSlot* slot) {
+    return createInto(slot, InvalidDestHandlingThread1);
+}
 
-int startInvalidDest2(ThreadSlot* slot) { return createInto(slot, InvalidDestHandlingThread2); }
+int startInvalidDest2(ThreadSlot* slot) {
+    return createInto(slot, InvalidDestHandlingThread2);
+}
 
 // Once worker threads run the library's code, the library must stay mapped: a later dlclose by
 // the host would otherwise pull the code from under them. Re-opening ourselves with
@@ -57,11 +61,11 @@ void pinLibraryInMemory() {
     }
     void* self = dlopen(info.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
     if (self != nullptr) {
-        dlclose(self);  // drops the extra reference; the NODELETE mark stays
+        dlclose(self); // drops the extra reference; the NODELETE mark stays
     }
 }
 
-}  // namespace
+} // namespace
 
 const ThreadStartFn g_threadTable[kThreadCount] = {
     startTelemetryNotify, startTestReport, startSseInfra, startInvalidDest1, startInvalidDest2,
@@ -78,13 +82,13 @@ void startThreadTable(const ThreadStartFn* table, ThreadSlot* slots, std::size_t
     }
 }
 
-}  // namespace rfevent
+} // namespace rfevent
 
 extern "C" {
 
 RFEVENT_API void RedfishEventPluginInit(void) {
     RF_ENTER();
-    if (curl_global_init(CURL_GLOBAL_ALL) != 0) {  // SSL and Win32 initialisation, value 3
+    if (curl_global_init(CURL_GLOBAL_ALL) != 0) { // SSL and Win32 initialisation, value 3
         RF_LOG(rfevent::kLogError, "[%s():%d]curl_global_init failed");
     } else {
         RF_LOG(rfevent::kLogDebug, "[%s():%d]curl_global_init Success");
@@ -108,4 +112,4 @@ RFEVENT_API void Redfish_telemetry_init(void) {
     }
 }
 
-}  // extern "C"
+} // extern "C"

@@ -34,6 +34,6 @@ extern ThreadSlot g_threadSlots[kThreadCount];
 // function that fails is logged with its slot index and the walk goes on.
 void startThreadTable(const ThreadStartFn* table, ThreadSlot* slots, std::size_t count);
 
-}  // namespace rfevent
+} // namespace rfevent
 
 #endif

@@ -24,17 +24,17 @@ constexpr const char* sourceBaseName(const char* path) {
     return base;
 }
 
-}  // namespace rfevent
+} // namespace rfevent
 
-#define RF_LOG(level, format, ...)                                                            \
+#define RF_LOG(level, format, ...)                                                                 \
     ::orvaprintf((level), ::rfevent::kLogModule, format, __func__, __LINE__, ##__VA_ARGS__)
 
-#define RF_ENTER()                                                                            \
-    ::orvaprintf(::rfevent::kLogDebug, ::rfevent::kLogModule, "[%s:%d]Entering %s Function",  \
+#define RF_ENTER()                                                                                 \
+    ::orvaprintf(::rfevent::kLogDebug, ::rfevent::kLogModule, "[%s:%d]Entering %s Function",       \
                  ::rfevent::sourceBaseName(__FILE__), __LINE__, __func__)
 
-#define RF_EXIT()                                                                             \
-    ::orvaprintf(::rfevent::kLogDebug, ::rfevent::kLogModule, "[%s:%d]Exiting %s Function",   \
+#define RF_EXIT()                                                                                  \
+    ::orvaprintf(::rfevent::kLogDebug, ::rfevent::kLogModule, "[%s:%d]Exiting %s Function",        \
                  ::rfevent::sourceBaseName(__FILE__), __LINE__, __func__)
 
-#endif  // RFEVENT_PLATFORM_LOG_H
+#endif // RFEVENT_PLATFORM_LOG_H

@@ -48,14 +48,18 @@ const Resolved& resolved() {
     return instance;
 }
 
-}  // namespace
+} // namespace
 
 const char* fixedPath(FixedPath which) {
     return resolved().paths[static_cast<size_t>(which)].c_str();
 }
 
-const char* sseHost() { return "127.0.0.1"; }
+const char* sseHost() {
+    return "127.0.0.1";
+}
 
-const char* sseService() { return resolved().sseService.c_str(); }
+const char* sseService() {
+    return resolved().sseService.c_str();
+}
 
-}  // namespace rfevent
+} // namespace rfevent

@@ -33,6 +33,6 @@ const char* fixedPath(FixedPath which);
 const char* sseHost();
 const char* sseService();
 
-}  // namespace rfevent
+} // namespace rfevent
 
-#endif  // RFEVENT_PLATFORM_PATHS_H
+#endif // RFEVENT_PLATFORM_PATHS_H

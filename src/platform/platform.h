@@ -30,10 +30,10 @@ enum {
 // then the texts the body refers to. A string reference is a byte offset from the start of
 // the object (0 = no string).
 typedef struct SMILObj {
-    uint32_t size;      // bytes in the whole object
-    uint16_t typeCode;  // one of CFG_TYPE_* or another code
+    uint32_t size;     // bytes in the whole object
+    uint16_t typeCode; // one of CFG_TYPE_* or another code
     uint16_t reserved;
-    uint32_t bodyOffset;  // offset of the body from the object's start, 0 = no body
+    uint32_t bodyOffset; // offset of the body from the object's start, 0 = no body
 } SMILObj;
 
 typedef struct CfgIntAttrBody {
@@ -64,14 +64,14 @@ RFEVENT_PLATFORM_API int CfgSetAttribute(const char* key, const char* value, int
 // ---- Event log -----------------------------------------------------------------------------
 typedef struct JXLogTLVList JXLogTLVList;
 
-RFEVENT_PLATFORM_API int JXLOGWRAPBuildMsgArgsBuffer(char** args, uint32_t argCount,
-                                                     char* buffer, uint32_t* bufferSize);
+RFEVENT_PLATFORM_API int JXLOGWRAPBuildMsgArgsBuffer(char** args, uint32_t argCount, char* buffer,
+                                                     uint32_t* bufferSize);
 RFEVENT_PLATFORM_API int JXLOGWRAPCreateTLVList(JXLogTLVList** list);
 RFEVENT_PLATFORM_API int JXLOGWRAPAddTLVToList(int type, uint16_t length, const void* data,
                                                JXLogTLVList* list);
 RFEVENT_PLATFORM_API int JXLOGWRAPSubmitEvent(int category, int severityCode, int eventType,
-                                              const char* messageId, int reserved1,
-                                              int reserved2, JXLogTLVList* list);
+                                              const char* messageId, int reserved1, int reserved2,
+                                              JXLogTLVList* list);
 RFEVENT_PLATFORM_API void JXLOGWRAPFreeTLVList(JXLogTLVList* list);
 
 // ---- Telemetry service client ----------------------------------------------------------------
@@ -88,16 +88,16 @@ RFEVENT_PLATFORM_API int utl_trunc_file(const char* path);
 RFEVENT_PLATFORM_API int utl_echo_write(const char* text, size_t length, const char* path,
                                         int create, int truncate);
 
-}  // extern "C"
+} // extern "C"
 
 // ---- Numeric identifiers -------------------------------------------------------------------
 // Rewrites dynamic URI segments of a response to the controller's numeric identifiers.
 class RFEVENT_PLATFORM_API NumericDynamicSegment {
-public:
+  public:
     NumericDynamicSegment();
     ~NumericDynamicSegment();
     // Returns 0 when the text was rewritten.
     int FormatResponseWithNumericId(std::string& text);
 };
 
-#endif  // RFEVENT_PLATFORM_PLATFORM_H
+#endif // RFEVENT_PLATFORM_PLATFORM_H

@@ -15,7 +15,7 @@ struct DeliveryTarget {
     char* subscriptionId;
     int32_t failureCount;
     char* retryPolicy;
-    Json::Value* subscription;  // heap copy, deleted with the record
+    Json::Value* subscription; // heap copy, deleted with the record
 };
 
 // The three store operations: 0 when the store was rewritten, -1 when it is absent, does not
@@ -31,6 +31,6 @@ namespace rfevent {
 // Replaces the store with the styled form of document: written to a temporary file in the
 // same folder, then renamed over the store, so readers see the old or the new content.
 bool writeSubscriptionStore(const Json::Value& document);
-}  // namespace rfevent
+} // namespace rfevent
 
 #endif

@@ -13,7 +13,7 @@ namespace {
 const char kEnable[] = "Tavik.Embedded.1#RedfishEventing.1#EventEnable";
 
 class AlertEntryTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         resetSandbox();
         writeAttributes(Json::Value(Json::objectValue));
@@ -36,8 +36,8 @@ TEST_F(AlertEntryTest, OnlyTheTextOneEnablesEventing) {
 TEST_F(AlertEntryTest, ReadFailureIsLoggedAndDisables) {
     LogCapture log;
     EXPECT_FALSE(isRedfishEventingEnabled());
-    EXPECT_TRUE(log.contains(2, "]Attribute get failed for " + std::string(kEnable) +
-                                    " with error: "))
+    EXPECT_TRUE(
+        log.contains(2, "]Attribute get failed for " + std::string(kEnable) + " with error: "))
         << log.dump();
 }
 
@@ -78,7 +78,8 @@ TEST_F(AlertEntryTest, EnabledEventingRunsBothPathsInOrder) {
         if (push < 0 && lines[i].find("Entering sendRedFishEvent Function") != std::string::npos) {
             push = i;
         }
-        if (sse < 0 && lines[i].find("Entering sendRedFishEvent_SSE Function") != std::string::npos) {
+        if (sse < 0 &&
+            lines[i].find("Entering sendRedFishEvent_SSE Function") != std::string::npos) {
             sse = i;
         }
     }
@@ -87,4 +88,4 @@ TEST_F(AlertEntryTest, EnabledEventingRunsBothPathsInOrder) {
     EXPECT_LT(push, sse);
 }
 
-}  // namespace
+} // namespace

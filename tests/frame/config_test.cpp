@@ -23,10 +23,12 @@ Json::Value typed(const Json::Value& type, const Json::Value& value) {
     return attribute;
 }
 
-Json::Value enumeration(const std::string& value) { return typed("enumeration", value); }
+Json::Value enumeration(const std::string& value) {
+    return typed("enumeration", value);
+}
 
 class ConfigTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         resetSandbox();
         writeAttributes(Json::Value(Json::objectValue));
@@ -134,9 +136,9 @@ TEST_F(ConfigTest, RetryIntervalIsConverted) {
 }
 
 TEST_F(ConfigTest, CertificateSwitchValues) {
-    const std::pair<const char*, int> cases[] = {{"Yes", 1}, {"No", 0}, {"Y", 1}, {"Ye", 1},
-                                                 {"", 1},    {"N", 0},  {"no", -1},
-                                                 {"yes", -1}, {"Yess", -1}};
+    const std::pair<const char*, int> cases[] = {{"Yes", 1}, {"No", 0},   {"Y", 1},
+                                                 {"Ye", 1},  {"", 1},     {"N", 0},
+                                                 {"no", -1}, {"yes", -1}, {"Yess", -1}};
     for (const auto& [text, expected] : cases) {
         setAttribute(kIgnore, enumeration(text));
         EXPECT_EQ(getIgnoreCertificateErrors(), expected) << '"' << text << '"';
@@ -185,4 +187,4 @@ TEST_F(ConfigTest, EntryAndExitAreLogged) {
     EXPECT_TRUE(log.contains(4, "Exiting getDeliveryRetryAttemptsValue Function"));
 }
 
-}  // namespace
+} // namespace

@@ -37,7 +37,7 @@ int failStart(rfevent::ThreadSlot* slot) {
 }
 
 class LifecycleTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         resetSandbox();
         writeAttributes(Json::Value(Json::objectValue));
@@ -55,8 +55,8 @@ TEST_F(LifecycleTest, EmptyEntryIsSkippedWithoutALogLine) {
 }
 
 TEST_F(LifecycleTest, FailedStartIsLoggedWithItsSlotAndTheWalkGoesOn) {
-    const rfevent::ThreadStartFn table[rfevent::kThreadCount] = {recordStart, recordStart, failStart,
-                                                                 recordStart, recordStart};
+    const rfevent::ThreadStartFn table[rfevent::kThreadCount] = {
+        recordStart, recordStart, failStart, recordStart, recordStart};
     LogCapture log;
     rfevent::startThreadTable(table, rfevent::g_threadSlots, rfevent::kThreadCount);
     for (int count : g_started) {
@@ -89,8 +89,8 @@ TEST_F(LifecycleTest, HostLoadsStartsSendsAndUnloadsWithoutCrashing) {
     void* plugin = dlopen(RFEVENT_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(plugin, nullptr) << dlerror();
     auto init = reinterpret_cast<void (*)()>(dlsym(plugin, "Redfish_telemetry_init"));
-    auto send = reinterpret_cast<void (*)(DataEventHeader*, void*)>(
-        dlsym(plugin, "sendRedFishEventAlert"));
+    auto send =
+        reinterpret_cast<void (*)(DataEventHeader*, void*)>(dlsym(plugin, "sendRedFishEventAlert"));
     ASSERT_NE(init, nullptr);
     ASSERT_NE(send, nullptr);
     for (const char* hidden : {"sendRedFishEvent", "sendHTTPPacketByCURL", "send_to_sse"}) {
@@ -117,4 +117,4 @@ TEST_F(LifecycleTest, HostLoadsStartsSendsAndUnloadsWithoutCrashing) {
     EXPECT_NE(dlopen(RFEVENT_PLUGIN_PATH, RTLD_NOW | RTLD_NOLOAD), nullptr);
 }
 
-}  // namespace
+} // namespace

@@ -12,9 +12,13 @@ static std::string logText() {
     return file ? readFile(file) : std::string();
 }
 
-LogCapture::LogCapture() { clear(); }
+LogCapture::LogCapture() {
+    clear();
+}
 
-void LogCapture::clear() { mark_ = logText().size(); }
+void LogCapture::clear() {
+    mark_ = logText().size();
+}
 
 std::vector<std::string> LogCapture::lines() const {
     std::string text = logText();
@@ -53,4 +57,4 @@ std::string LogCapture::dump() const {
     return text.size() > mark_ ? text.substr(mark_) : std::string();
 }
 
-}  // namespace rfevent::testkit
+} // namespace rfevent::testkit

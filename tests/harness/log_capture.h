@@ -10,7 +10,7 @@ namespace rfevent::testkit {
 
 // Captures the lines written after its construction (or after the last clear()).
 class LogCapture {
-public:
+  public:
     LogCapture();
     void clear();
     // Lines since the mark, each "<level> [139] message".
@@ -24,10 +24,10 @@ public:
     // Everything since the mark, for failure messages.
     std::string dump() const;
 
-private:
+  private:
     std::size_t mark_ = 0;
 };
 
-}  // namespace rfevent::testkit
+} // namespace rfevent::testkit
 
 #endif

@@ -35,7 +35,7 @@ std::string makeRoot() {
     return pattern;
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);

@@ -23,7 +23,9 @@ const std::string& sandboxRoot() {
     return root;
 }
 
-std::string rooted(const std::string& absolutePath) { return sandboxRoot() + absolutePath; }
+std::string rooted(const std::string& absolutePath) {
+    return sandboxRoot() + absolutePath;
+}
 
 void resetSandbox() {
     const std::string& root = sandboxRoot();
@@ -62,9 +64,13 @@ bool fileExists(const std::string& path) {
     return ::stat(path.c_str(), &info) == 0;
 }
 
-void removeFile(const std::string& path) { fs::remove(path); }
+void removeFile(const std::string& path) {
+    fs::remove(path);
+}
 
-static std::string attributesPath() { return rooted("/var/lib/rfevent/attributes.json"); }
+static std::string attributesPath() {
+    return rooted("/var/lib/rfevent/attributes.json");
+}
 
 void writeAttributes(const Json::Value& attributes) {
     writeFile(attributesPath(), attributes.toStyledString());
@@ -110,7 +116,8 @@ void writeSubscriptionStore(const Json::Value& store) {
 }
 
 Json::Value readSubscriptionStore() {
-    return parseJson(readFile(rooted("/var/lib/lumenrest/redfish_subscriptions/subscriptions.json")));
+    return parseJson(
+        readFile(rooted("/var/lib/lumenrest/redfish_subscriptions/subscriptions.json")));
 }
 
 void writeSseSubscriptions(const Json::Value& subscriptions) {
@@ -146,4 +153,4 @@ Json::Value parseJson(const std::string& text) {
     return root;
 }
 
-}  // namespace rfevent::testkit
+} // namespace rfevent::testkit

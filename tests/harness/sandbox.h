@@ -46,6 +46,6 @@ std::vector<Json::Value> eventLogEntries();
 std::string compactJson(const Json::Value& value);
 Json::Value parseJson(const std::string& text);
 
-}  // namespace rfevent::testkit
+} // namespace rfevent::testkit
 
 #endif

@@ -15,7 +15,7 @@ using namespace rfevent::testkit;
 namespace {
 
 class StandaloneTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         resetSandbox();
         writeAttributes(Json::Value(Json::objectValue));
@@ -38,9 +38,8 @@ TEST_F(StandaloneTest, CfgGetAttributeNeverCutsAValue) {
 
 TEST_F(StandaloneTest, CfgSetAttributeStoresAString) {
     uint32_t status = 99;
-    EXPECT_EQ(CfgSetAttribute("Tavik.Embedded.1#Telemetry.1#TelemetrySubscription3", "", 0,
-                              &status),
-              0);
+    EXPECT_EQ(
+        CfgSetAttribute("Tavik.Embedded.1#Telemetry.1#TelemetrySubscription3", "", 0, &status), 0);
     EXPECT_EQ(status, 0u);
     auto attributes = parseJson(readFile(rooted("/var/lib/rfevent/attributes.json")));
     EXPECT_EQ(attributes["Tavik.Embedded.1#Telemetry.1#TelemetrySubscription3"], "");
@@ -109,4 +108,4 @@ TEST_F(StandaloneTest, LogLinesCarryLevelAndModule) {
     EXPECT_EQ(lines[0], "<2> [139] [fn():12]hello world");
 }
 
-}  // namespace
+} // namespace

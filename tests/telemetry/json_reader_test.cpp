@@ -10,7 +10,7 @@ using namespace rfevent::testkit;
 namespace {
 
 class JsonReaderTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { resetSandbox(); }
 };
 
@@ -60,7 +60,8 @@ TEST_F(JsonReaderTest, DefinitionFromTheDefinitionLink) {
     EXPECT_TRUE(log.contains(5, "]found MetricReportDefinition in event"));
     // The error level of this line is deliberate.
     EXPECT_TRUE(log.contains(2, "]foud MetricReportDefinition OdataId in event"));
-    EXPECT_TRUE(log.contains(5, "]OdataId = /redfish/v1/TelemetryService/MetricReportDefinitions/Power"));
+    EXPECT_TRUE(
+        log.contains(5, "]OdataId = /redfish/v1/TelemetryService/MetricReportDefinitions/Power"));
 }
 
 TEST_F(JsonReaderTest, NonTextDefinitionIdGivesEmpty) {
@@ -107,4 +108,4 @@ TEST_F(JsonReaderTest, SequenceOfObjectTypeRaisesTheLibraryError) {
     EXPECT_THROW(getReportSequence(R"({"ReportSequence":{"a":1}})"), Json::LogicError);
 }
 
-}  // namespace
+} // namespace

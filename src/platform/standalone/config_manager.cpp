@@ -101,7 +101,7 @@ SMILObj* buildObject(const Attribute& attribute) {
     return object;
 }
 
-}  // namespace
+} // namespace
 
 extern "C" {
 
@@ -114,7 +114,7 @@ int client_get_obj_by_key(const char* service, const char* key, SMILObj** object
     *object = nullptr;
     Attribute attribute;
     if (!findAttribute(key, attribute)) {
-        return 2;  // no such attribute
+        return 2; // no such attribute
     }
     *object = buildObject(attribute);
     return *object ? 0 : 12;
@@ -137,7 +137,9 @@ int client_get_string_ptr(SMILObj* object, uint32_t stringRef, char** text) {
     return 0;
 }
 
-void SMILFreeGeneric(SMILObj* object) { std::free(object); }
+void SMILFreeGeneric(SMILObj* object) {
+    std::free(object);
+}
 
 int CfgGetAttribute(const char* key, char* buffer, uint32_t* length) {
     if (buffer == nullptr || length == nullptr) {
@@ -147,13 +149,13 @@ int CfgGetAttribute(const char* key, char* buffer, uint32_t* length) {
     if (!findAttribute(key, attribute) || !attribute.hasValue) {
         return 2;
     }
-    std::string text = attribute.value.isString() ? attribute.value.asString()
-                                                  : attribute.value.toStyledString();
+    std::string text =
+        attribute.value.isString() ? attribute.value.asString() : attribute.value.toStyledString();
     while (!text.empty() && text.back() == '\n') {
         text.pop_back();
     }
     if (text.size() + 1 > *length) {
-        return 75;  // the value and its terminator do not fit: never hand out a cut value
+        return 75; // the value and its terminator do not fit: never hand out a cut value
     }
     std::memcpy(buffer, text.c_str(), text.size() + 1);
     *length = static_cast<uint32_t>(text.size());
@@ -166,7 +168,7 @@ int CfgSetAttribute(const char* key, const char* value, int flags, uint32_t* sta
         return 22;
     }
     Json::Value root(Json::objectValue);
-    loadAttributes(root);  // a missing file starts an empty set
+    loadAttributes(root); // a missing file starts an empty set
     if (!root.isObject()) {
         root = Json::Value(Json::objectValue);
     }
@@ -180,4 +182,4 @@ int CfgSetAttribute(const char* key, const char* value, int flags, uint32_t* sta
     return ok ? 0 : 5;
 }
 
-}  // extern "C"
+} // extern "C"

@@ -56,4 +56,4 @@ bool appendLine(const std::string& path, const std::string& line) {
     return ok;
 }
 
-}  // namespace rfevent::platform
+} // namespace rfevent::platform

@@ -15,6 +15,6 @@ bool replaceFile(const std::string& path, const std::string& content);
 // Appends one line (a newline is added) with a single write; false on failure.
 bool appendLine(const std::string& path, const std::string& line);
 
-}  // namespace rfevent::platform
+} // namespace rfevent::platform
 
 #endif

@@ -34,7 +34,7 @@ Json::Value unpackArguments(const std::string& packed) {
     return args;
 }
 
-}  // namespace
+} // namespace
 
 extern "C" {
 
@@ -101,6 +101,8 @@ int JXLOGWRAPSubmitEvent(int category, int severityCode, int eventType, const ch
     return ok ? 0 : 5;
 }
 
-void JXLOGWRAPFreeTLVList(JXLogTLVList* list) { delete list; }
+void JXLOGWRAPFreeTLVList(JXLogTLVList* list) {
+    delete list;
+}
 
-}  // extern "C"
+} // extern "C"

@@ -26,7 +26,7 @@ int configuredLevel() {
 
 // The log file stays open between lines; it is reopened when RFEVENT_LOG_FILE changes.
 class LogSink {
-public:
+  public:
     void write(const char* line, size_t length) {
         const char* file = std::getenv("RFEVENT_LOG_FILE");
         if (file == nullptr || *file == '\0') {
@@ -46,18 +46,18 @@ public:
         }
     }
 
-private:
+  private:
     std::mutex mutex_;
     std::string path_;
     int fd_ = -1;
 };
 
 LogSink& sink() {
-    static LogSink* instance = new LogSink;  // never destroyed: used until the very end
+    static LogSink* instance = new LogSink; // never destroyed: used until the very end
     return *instance;
 }
 
-}  // namespace
+} // namespace
 
 extern "C" int orvaprintf(int level, int module, const char* format, ...) {
     if (format == nullptr || level > configuredLevel()) {

@@ -63,7 +63,7 @@ int utl_echo_write(const char* text, size_t length, const char* path, int create
     return rfevent::platform::replaceFile(path, std::string(text, length)) ? 0 : -1;
 }
 
-}  // extern "C"
+} // extern "C"
 
 NumericDynamicSegment::NumericDynamicSegment() = default;
 NumericDynamicSegment::~NumericDynamicSegment() = default;
