@@ -20,7 +20,8 @@ namespace rfevent::fuzz {
 
 inline void prepareAlertFiles() {
     static std::string preparedFor;
-    const std::string root = std::getenv("RFEVENT_ROOT") ? std::getenv("RFEVENT_ROOT") : "";
+    const char* rootVariable = std::getenv("RFEVENT_ROOT");
+    const std::string root = rootVariable != nullptr ? rootVariable : "";
     if (root == preparedFor) {
         return;
     }
