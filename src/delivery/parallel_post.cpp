@@ -53,7 +53,7 @@ bool holdsLineBreak(const std::string& text) {
 curl_slist* buildHeaderList(const Json::Value& subscription) {
     curl_slist* list = curl_slist_append(nullptr, "Expect:");
     const Json::Value& httpHeaders = subscription["HttpHeaders"];
-    if (httpHeaders.size() == 0) {
+    if (httpHeaders.size() == 0) { // NOLINT(readability-container-size-empty): counts elements
         RF_LOG(kLogDebug, "[%s():%d]HttpHeader size is Zero");
     }
     for (Json::ArrayIndex i = 0; i < httpHeaders.size(); ++i) {
@@ -66,7 +66,9 @@ curl_slist* buildHeaderList(const Json::Value& subscription) {
                        static_cast<unsigned>(i));
                 continue;
             }
-            const std::string line = name + ":" + value;
+            std::string line = name;
+            line += ':';
+            line += value;
             RF_LOG(kLogDebug, "[%s():%d]Headervalue:%s", line.c_str());
             list = curl_slist_append(list, line.c_str());
         }

@@ -60,7 +60,7 @@ void appendHeader(HeaderList& list, const std::string& line) {
 HeaderList buildHeaderList(const Json::Value& subscription) {
     HeaderList list;
     const Json::Value& headers = subscription["HttpHeaders"];
-    if (headers.size() == 0) {
+    if (headers.size() == 0) { // NOLINT(readability-container-size-empty): counts elements
         RF_LOG(kLogDebug, "[%s():%d]HttpHeader size is Zero");
     }
     for (Json::ArrayIndex i = 0; i < headers.size(); ++i) {
@@ -74,7 +74,9 @@ HeaderList buildHeaderList(const Json::Value& subscription) {
                        i);
                 continue;
             }
-            std::string line = name + ":" + value;
+            std::string line = name;
+            line += ':';
+            line += value;
             RF_LOG(kLogDebug, "[%s():%d]Headervalue:%s", line.c_str());
             appendHeader(list, line);
         }

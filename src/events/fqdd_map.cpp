@@ -32,8 +32,9 @@ int componentIndex(const char* fqdd, size_t position) {
 extern "C" RFEVENT_API char* MapFQDDToRedfishURI(const char* fqdd, char* buffer, uint32_t size) {
     RF_ENTER();
     if (fqdd == nullptr) {
-        std::snprintf(buffer, size, "%s", "");
-    } else if (contains(fqdd, "Tavik.Embedded") && !contains(fqdd, "#")) {
+        fqdd = ""; // matches no row: the empty URI
+    }
+    if (contains(fqdd, "Tavik.Embedded") && !contains(fqdd, "#")) {
         std::snprintf(buffer, size, "%s/%s", kManagersRoot, fqdd);
     } else if (contains(fqdd, "System.Embedded")) {
         std::snprintf(buffer, size, "%s/%s", kSystemsRoot, fqdd);

@@ -15,6 +15,7 @@ namespace rfevent {
 std::atomic<int> g_telemetryNotifyFlag{1};
 std::atomic<int> g_testReportFlag{1};
 std::atomic<int> g_sseInfraFlag{1};
+std::atomic<bool> g_workersStarted{false};
 
 ThreadSlot g_threadSlots[kThreadCount];
 
@@ -105,6 +106,7 @@ RFEVENT_API void RedfishEventPluginCleanup(void) {
 RFEVENT_API void Redfish_telemetry_init(void) {
     try {
         rfevent::pinLibraryInMemory();
+        rfevent::g_workersStarted.store(true, std::memory_order_relaxed);
         rfevent::startThreadTable(rfevent::g_threadTable, rfevent::g_threadSlots,
                                   rfevent::kThreadCount);
     } catch (...) {

@@ -15,6 +15,10 @@ extern std::atomic<int> g_telemetryNotifyFlag;
 extern std::atomic<int> g_testReportFlag;
 extern std::atomic<int> g_sseInfraFlag;
 
+// Set once Redfish_telemetry_init has started the worker threads. From then on, state they use
+// must outlive the plug-in's unload.
+extern std::atomic<bool> g_workersStarted;
+
 // One slot per thread-table entry: the created thread and pthread_create's result.
 struct ThreadSlot {
     pthread_t thread;

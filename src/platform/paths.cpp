@@ -43,8 +43,9 @@ struct Resolved {
     }
 };
 
+// Never destroyed: the worker threads keep using the paths until the process ends.
 const Resolved& resolved() {
-    static const Resolved instance;
+    static const Resolved& instance = *new Resolved;
     return instance;
 }
 

@@ -40,7 +40,7 @@ void addUnique(std::list<std::string>& messages, const std::string& message) {
 // at a fixed offset of the term with its parentheses removed, wherever the literal was found.
 bool termSelects(const std::string& term, const std::string& definitionUri) {
     std::size_t at = term.find(kDefinitionLiteral);
-    if (at == std::string::npos || at > kLatestLiteralStart) {
+    if (at > kLatestLiteralStart) { // npos (not found) is larger too
         return false;
     }
     std::string core = removeBraces(term);
@@ -116,7 +116,10 @@ int filterEventsSSE(const char* report, std::list<std::string>& messages, std::s
         }
         const std::string filter = record["Event-type"].asString();
         RF_LOG(kLogDebug, "[%s():%d]Event-Type: %s", filter.c_str());
-        const std::string message = filter + "=" + idMarker + report;
+        std::string message = filter;
+        message += '=';
+        message += idMarker;
+        message += report;
         if (filter == kWholeMatchFilter) {
             RF_LOG(kLogDebug, "[%s():%d]Filter match found:%s", filter.c_str());
             addUnique(messages, message);

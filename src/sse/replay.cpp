@@ -12,6 +12,7 @@
 #include <exception>
 #include <iterator>
 #include <list>
+#include <memory>
 
 #include "frame/lifecycle.h"
 #include "platform/log.h"
@@ -146,21 +147,22 @@ void process_last_event_id(const char* request) {
     RF_LOG(kLogDebug, "[%s():%d]Substring after slash:[%s]\n", text.c_str());
     const std::string name = reportNameOf(filter);
 
-    char* report = isStoredLogName(name) ? sendLastLogToSSE(name) : lookUpReport(name);
+    // Owned here until the message is built, also when reading the sequence throws.
+    std::unique_ptr<char, decltype(&std::free)> report(
+        isStoredLogName(name) ? sendLastLogToSSE(name) : lookUpReport(name), &std::free);
     if (report == nullptr) {
         RF_LOG(kLogDebug, "[%s():%d]report_json is NULL");
         return;
     }
-    const std::string sequence = getReportSequence(report);
+    const std::string sequence = getReportSequence(report.get());
     RF_LOG(kLogDebug, "[%s():%d]Report Sequence [%s]\n", sequence.c_str());
     if (sequence != lastEventId) {
         RF_LOG(kLogDebug, "[%s():%d]Last Event Id is not matched");
-        free(report);
         return;
     }
     const std::string prefix = filter + "=";
-    const std::string message = prefix + "<id:" + sequence + ">:" + report;
-    free(report);
+    const std::string message = prefix + "<id:" + sequence + ">:" + report.get();
+    report.reset();
     RF_LOG(kLogDebug, "[%s():%d]SSE Filter size:%d\n", static_cast<int>(message.size()));
     if (message.size() <= static_cast<std::size_t>(kSsePieceSize)) {
         // A short replay carries only the end marker for the client's key.

@@ -10,6 +10,7 @@
 #include <fstream>
 
 #include "delivery/single_post.h"
+#include "frame/lifecycle.h"
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "rfevent/redfish_event.h"
@@ -105,9 +106,28 @@ const char* g_invalidDestinationProbeReport =
     "{\"MetricReportName\":\"TestReport\",\"GeneratedMetricReportValues\":[{\"MetricId\":"
     "\"TestMetricId\",\"MetricValue\":\"0\",\"Timestamp\":\"0000-00-00T00:00:00\"}]}";
 
+namespace {
+
+// The queue is released at unload, unless worker threads were started: they are never stopped,
+// so from then on the queue must stay until the process ends.
+struct QueueOwner {
+    InvalidDestinationQueue* queue = new InvalidDestinationQueue;
+    ~QueueOwner() {
+        if (g_workersStarted.load(std::memory_order_relaxed)) {
+            return;
+        }
+        for (InvalidDestinationRecord* record : queue->records) {
+            releaseInvalidDestinationRecord(record);
+        }
+        delete queue;
+    }
+};
+
+} // namespace
+
 InvalidDestinationQueue& invalidDestinationQueue() {
-    static InvalidDestinationQueue* queue = new InvalidDestinationQueue;
-    return *queue;
+    static QueueOwner owner;
+    return *owner.queue;
 }
 
 // Build the queue at load rather than on first use.

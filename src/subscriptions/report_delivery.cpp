@@ -44,7 +44,7 @@ char* copyText(const std::string& text) {
 
 bool hasElements(const Json::Value& subscription, const char* key) {
     return subscription.isMember(key) && !subscription[key].isNull() &&
-           subscription[key].size() > 0;
+           subscription[key].size() > 0; // NOLINT(readability-container-size-empty)
 }
 
 // Whether the subscription wants this report; logs as it decides.

