@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <openssl/err.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 #include <poll.h>
 #include <signal.h>
 #include <strings.h>
@@ -241,6 +242,24 @@ void HttpsServer::setUpTls(const TestPki& pki) {
     }
     SSL_CTX_set_num_tickets(ctx_, 0); // one request per connection: tickets are useless
     SSL_CTX_set_session_cache_mode(ctx_, SSL_SESS_CACHE_OFF);
+    warmCertificateCaches();
+}
+
+// OpenSSL fills a certificate's extension cache (key identifiers, purposes) on first use, under
+// a lock that readers on other threads do not always take. Filling the caches of the shared
+// certificates here, before any connection thread exists, keeps handshakes from writing to
+// them concurrently.
+void HttpsServer::warmCertificateCaches() {
+    if (X509* own = SSL_CTX_get0_certificate(ctx_)) {
+        X509_check_purpose(own, -1, 0);
+    }
+    X509_STORE* store = SSL_CTX_get_cert_store(ctx_);
+    STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store);
+    for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i) {
+        if (X509* cert = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i))) {
+            X509_check_purpose(cert, -1, 0);
+        }
+    }
 }
 
 void HttpsServer::setUpListener() {

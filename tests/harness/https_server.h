@@ -109,6 +109,7 @@ class HttpsServer {
     };
 
     void setUpTls(const TestPki& pki);
+    void warmCertificateCaches();
     void setUpListener();
     void releaseResources();
     void acceptLoop();
