@@ -203,8 +203,8 @@ bool sendReports(int count) {
 
 int main(int argc, char** argv) {
     const char* plugin = argc > 1 ? argv[1] : RFEVENT_PLUGIN_PATH;
-    const int alerts = argc > 2 ? std::atoi(argv[2]) : 10000;
-    const int reports = argc > 3 ? std::atoi(argv[3]) : 1000;
+    const int alerts = argc > 2 ? static_cast<int>(std::strtol(argv[2], nullptr, 10)) : 10000;
+    const int reports = argc > 3 ? static_cast<int>(std::strtol(argv[3], nullptr, 10)) : 1000;
 
     if (const char* given = std::getenv("RFEVENT_ROOT")) {
         root = given;
