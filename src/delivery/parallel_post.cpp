@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "delivery/http_headers.h"
 #include "frame/config.h"
 #include "platform/log.h"
 #include "platform/paths.h"
@@ -43,35 +44,12 @@ struct TransferTables {
     }
 };
 
-bool holdsLineBreak(const std::string& text) {
-    return text.find_first_of("\r\n") != std::string::npos;
-}
-
-// "Expect:", then one "name:value" line per member of each "HttpHeaders" element, then the
-// content type. A header whose name or value holds CR or LF would split the request, so it is
-// dropped.
+// "Expect:", then the subscription's own headers, then the content type.
 curl_slist* buildHeaderList(const Json::Value& subscription) {
+    const std::vector<std::string> lines = rfevent::subscriptionHeaderLines(subscription);
     curl_slist* list = curl_slist_append(nullptr, "Expect:");
-    const Json::Value& httpHeaders = subscription["HttpHeaders"];
-    if (httpHeaders.size() == 0) { // NOLINT(readability-container-size-empty): counts elements
-        RF_LOG(kLogDebug, "[%s():%d]HttpHeader size is Zero");
-    }
-    for (Json::ArrayIndex i = 0; i < httpHeaders.size(); ++i) {
-        const Json::Value& element = httpHeaders[i];
-        for (const std::string& name : element.getMemberNames()) {
-            const std::string value = element[name].asString();
-            if (holdsLineBreak(name) || holdsLineBreak(value)) {
-                RF_LOG(kLogError,
-                       "[%s():%d]Header dropped from HttpHeaders[%u]: CR or LF in name or value",
-                       static_cast<unsigned>(i));
-                continue;
-            }
-            std::string line = name;
-            line += ':';
-            line += value;
-            RF_LOG(kLogDebug, "[%s():%d]Headervalue:%s", line.c_str());
-            list = curl_slist_append(list, line.c_str());
-        }
+    for (const std::string& line : lines) {
+        list = curl_slist_append(list, line.c_str());
     }
     list = curl_slist_append(list, "Content-Type: application/json");
     return list;

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 
+#include "delivery/http_headers.h"
 #include "delivery/jxlog.h"
 #include "frame/config.h"
 #include "platform/log.h"
@@ -23,10 +24,6 @@ namespace {
 std::mutex& postLock() {
     static std::mutex lock;
     return lock;
-}
-
-bool holdsLineBreak(const std::string& text) {
-    return text.find_first_of("\r\n") != std::string::npos;
 }
 
 struct HeaderListFree {
@@ -56,30 +53,11 @@ void appendHeader(HeaderList& list, const std::string& line) {
     }
 }
 
-// "name:value" for every member of every "HttpHeaders" object, then the content type.
+// The subscription's own headers, then the content type.
 HeaderList buildHeaderList(const Json::Value& subscription) {
     HeaderList list;
-    const Json::Value& headers = subscription["HttpHeaders"];
-    if (headers.size() == 0) { // NOLINT(readability-container-size-empty): counts elements
-        RF_LOG(kLogDebug, "[%s():%d]HttpHeader size is Zero");
-    }
-    for (Json::ArrayIndex i = 0; i < headers.size(); ++i) {
-        const Json::Value& element = headers[i];
-        for (const std::string& name : element.getMemberNames()) {
-            std::string value = element[name].asString();
-            if (holdsLineBreak(name) || holdsLineBreak(value)) {
-                // A line break would let the subscription inject its own header lines.
-                RF_LOG(kLogError,
-                       "[%s():%d]Header dropped from HttpHeaders[%u]: CR or LF in name or value",
-                       i);
-                continue;
-            }
-            std::string line = name;
-            line += ':';
-            line += value;
-            RF_LOG(kLogDebug, "[%s():%d]Headervalue:%s", line.c_str());
-            appendHeader(list, line);
-        }
+    for (const std::string& line : rfevent::subscriptionHeaderLines(subscription)) {
+        appendHeader(list, line);
     }
     RF_LOG(kLogDebug, "[%s():%d]End Of For Loop");
     appendHeader(list, "Content-Type: application/json");
