@@ -15,12 +15,11 @@
 #include <string>
 #include <thread>
 
-#include "harness/certs.h"
-#include "harness/https_server.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
 #include "platform/paths.h"
+#include "telemetry/push_subscriber.h"
 
 namespace {
 
@@ -432,29 +431,15 @@ TEST_F(LogReportsSseTest, CpuRegisterReportStoresAndSends) {
 
 // ---- Push subscribers ------------------------------------------------------------------------
 
-#include "harness/certs.h"
-#include "harness/https_server.h"
+#include "telemetry/push_subscriber.h"
 
 namespace {
 
 using namespace rfevent::testkit;
 
-// Metric reports go out in parallel without a client certificate.
-HttpsServerOptions pushSubscriberOptions() {
-    HttpsServerOptions options;
-    options.requireClientCert = false;
-    return options;
-}
-
 TEST_F(SerialLogTest, PushSubscriberGetsTheDocumentUnchanged) {
-    TestPki pki = generateTestPki(rooted("/pki"));
-    installClientCredentials(pki, sandboxRoot());
-    writeDeliveryAttributes(1, 1, "No");
-    HttpsServer server(pki, pushSubscriberOptions());
-    Json::Value store(Json::objectValue);
-    store["1"]["EventFormatType"] = "MetricReport";
-    store["1"]["Destination"] = server.url("/metrics");
-    writeSubscriptionStore(store);
+    MetricReportSubscriber subscriber;
+    HttpsServer& server = subscriber.server;
 
     writeFile(path(FixedPath::SerialLogCapture), "a;b");
     EXPECT_EQ(0, sendSerialLogToSSE());
@@ -467,14 +452,8 @@ TEST_F(SerialLogTest, PushSubscriberGetsTheDocumentUnchanged) {
 }
 
 TEST_F(LogReportsSseTest, CpuRegisterReportReachesPushSubscriber) {
-    TestPki pki = generateTestPki(rooted("/pki"));
-    installClientCredentials(pki, sandboxRoot());
-    writeDeliveryAttributes(1, 1, "No");
-    HttpsServer server(pki, pushSubscriberOptions());
-    Json::Value store(Json::objectValue);
-    store["1"]["EventFormatType"] = "MetricReport";
-    store["1"]["Destination"] = server.url("/metrics");
-    writeSubscriptionStore(store);
+    MetricReportSubscriber subscriber;
+    HttpsServer& server = subscriber.server;
 
     writeFile(path(FixedPath::CpuRegisterCapture), "foobar");
     sendCPUDumpToTelemetry();

@@ -347,20 +347,12 @@ TEST_F(NotifyThreadTest, ThreadReadsAnnouncementsFromItsPipe) {
 
 // ---- End to end: the real thread, database, push subscriber and SSE stand-in ----------------
 
-#include "harness/certs.h"
-#include "harness/https_server.h"
 #include "harness/sse_receiver.h"
+#include "telemetry/push_subscriber.h"
 
 namespace {
 
 using namespace rfevent::testkit;
-
-// Metric reports go out in parallel without a client certificate.
-HttpsServerOptions pushSubscriberOptions() {
-    HttpsServerOptions options;
-    options.requireClientCert = false;
-    return options;
-}
 
 const std::string kEndToEndReport =
     R"({"Id":"Rpt1","MetricReportDefinition":{"@odata.id":)"
@@ -369,14 +361,8 @@ const std::string kEndToEndReport =
 
 TEST(NotifyEndToEnd, AnnouncedReportReachesPushSubscriberAndSseClient) {
     resetSandbox();
-    TestPki pki = generateTestPki(rooted("/pki"));
-    installClientCredentials(pki, sandboxRoot());
-    writeDeliveryAttributes(1, 1, "No");
-    HttpsServer server(pki, pushSubscriberOptions());
-    Json::Value store(Json::objectValue);
-    store["1"]["EventFormatType"] = "MetricReport";
-    store["1"]["Destination"] = server.url("/metrics");
-    writeSubscriptionStore(store);
+    MetricReportSubscriber subscriber;
+    HttpsServer& server = subscriber.server;
     Json::Value sse(Json::objectValue);
     sse["client"]["Event-type"] = "EventFormatType eq MetricReport";
     writeSseSubscriptions(sse);

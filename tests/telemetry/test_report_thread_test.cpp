@@ -155,31 +155,17 @@ TEST(TestReportThread, RunningThreadDeliversWhatIsWritten) {
 
 // ---- End to end: the real thread, push subscriber and SSE stand-in --------------------------
 
-#include "harness/certs.h"
-#include "harness/https_server.h"
 #include "harness/sse_receiver.h"
+#include "telemetry/push_subscriber.h"
 
 namespace {
 
 using namespace rfevent::testkit;
 
-// Metric reports go out in parallel without a client certificate.
-HttpsServerOptions pushSubscriberOptions() {
-    HttpsServerOptions options;
-    options.requireClientCert = false;
-    return options;
-}
-
 TEST(TestReportEndToEnd, ReportReachesPushSubscriberAndSseClient) {
     resetSandbox();
-    TestPki pki = generateTestPki(rooted("/pki"));
-    installClientCredentials(pki, sandboxRoot());
-    writeDeliveryAttributes(1, 1, "No");
-    HttpsServer server(pki, pushSubscriberOptions());
-    Json::Value store(Json::objectValue);
-    store["1"]["EventFormatType"] = "MetricReport";
-    store["1"]["Destination"] = server.url("/metrics");
-    writeSubscriptionStore(store);
+    MetricReportSubscriber subscriber;
+    HttpsServer& server = subscriber.server;
     Json::Value sse(Json::objectValue);
     sse["client"]["Event-type"] =
         "MetricReportDefinition eq '/redfish/v1/TelemetryService/MetricReportDefinitions/T'";
