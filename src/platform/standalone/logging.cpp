@@ -1,7 +1,7 @@
 // orvaprintf: the platform's logger. One line per call, written with a single write so that
 // lines from several threads never interleave. Lines go to the file named by
 // RFEVENT_LOG_FILE (appended) or to stderr, when their level is at most RFEVENT_LOG_LEVEL
-// (default 2, errors only).
+// (default 2, errors only; read once, at the first line).
 #include "platform/platform.h"
 
 #include <fcntl.h>
@@ -16,12 +16,17 @@
 
 namespace {
 
+// Read once, at the first line: every call of the plug-in's many filtered-out debug lines
+// would otherwise scan the environment.
 int configuredLevel() {
-    const char* text = std::getenv("RFEVENT_LOG_LEVEL");
-    if (text == nullptr || *text == '\0') {
-        return 2;
-    }
-    return static_cast<int>(std::strtol(text, nullptr, 10));
+    static const int level = [] {
+        const char* text = std::getenv("RFEVENT_LOG_LEVEL");
+        if (text == nullptr || *text == '\0') {
+            return 2;
+        }
+        return static_cast<int>(std::strtol(text, nullptr, 10));
+    }();
+    return level;
 }
 
 // The log file stays open between lines; it is reopened when RFEVENT_LOG_FILE changes.
