@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -58,11 +59,20 @@ void lookUpAndSend(const char* reportName) {
 
 // One announcement: a command or a report name. Names are compared over their own length,
 // so any leading part of a command name (and the empty name) runs that command.
+// True when name, over its own length, is a leading part of command (case ignored). A name
+// longer than the command never is: its extra byte meets the command's terminator.
+bool namesCommand(const char* name, std::size_t length, const char* command,
+                  std::size_t commandLength) {
+    return length <= commandLength && strncasecmp(name, command, length) == 0;
+}
+
 void handleName(TelemetryPipeState& state, bool useFragment) {
+    static const char kSerialLog[] = "seriallog";
+    static const char kCpuRegisters[] = "CPURegisters";
     std::size_t length = std::strlen(state.name);
-    if (strncasecmp(state.name, "seriallog", length) == 0) {
+    if (namesCommand(state.name, length, kSerialLog, sizeof kSerialLog - 1)) {
         g_telemetryPipeActions.serialLogReport();
-    } else if (strncasecmp(state.name, "CPURegisters", length) == 0) {
+    } else if (namesCommand(state.name, length, kCpuRegisters, sizeof kCpuRegisters - 1)) {
         g_telemetryPipeActions.cpuRegisterReport();
     } else if (useFragment) {
         RF_LOG(kLogInfo, "[%s():%d]Reading first report name from pipe");
@@ -87,42 +97,45 @@ void handleNameGuarded(TelemetryPipeState& state, bool useFragment) {
     }
 }
 
+// The bytes from i to the end of the read hold a name without its "|": the writer's next
+// write carries the rest. A cut name longer than the name buffer is dropped.
+void saveFragment(TelemetryPipeState& state, int i, int n) {
+    const std::size_t length = static_cast<std::size_t>(n - i);
+    const std::size_t maxName = kTelemetryNameSize - 1;
+    std::memcpy(state.name, state.readBuffer + i, std::min(length, maxName));
+    if (length > maxName) {
+        return;
+    }
+    std::memcpy(state.savedFragment, state.name, length);
+    state.savedFragment[length] = '\0';
+    RF_LOG(kLogInfo, "[%s():%d]Last report name fragment :%s", state.savedFragment);
+}
+
 } // namespace
 
 void parseTelemetryRead(TelemetryPipeState& state, int n) {
-    const int maxName = static_cast<int>(kTelemetryNameSize) - 1;
-    int i = 0;
-    int j = 0;
+    const std::size_t maxName = kTelemetryNameSize - 1;
+    const char* buffer = state.readBuffer;
+    // A "|" that opens the read closes the name cut by the previous read; its terminator is
+    // the next byte, which the scan below takes as the first byte of the next name.
+    int i = n > 0 && buffer[0] == '|' ? 1 : 0;
     while (i < n) {
-        char byte = state.readBuffer[i];
-        if (byte == '|') {
-            if (i == 0) {
-                i = 1;
-                continue;
-            }
-            state.name[j] = '\0';
-            RF_LOG(kLogInfo, "[%s():%d]Telemetry report  = %s \n", state.name);
-            // A name that started this read whole may be the rest of the last cut name.
-            bool useFragment =
-                j == i && state.readBuffer[0] != '|' && state.savedFragment[0] != '\0';
-            handleNameGuarded(state, useFragment);
-            i += 2; // the byte after "|" is the writer's terminator
-            j = 0;
-            continue;
-        }
-        if (j >= maxName) {
-            ++i;
-            continue;
-        }
-        state.name[j] = byte;
-        if (i == n - 1) {
-            std::memcpy(state.savedFragment, state.name, static_cast<std::size_t>(j) + 1);
-            state.savedFragment[j + 1] = '\0';
-            RF_LOG(kLogInfo, "[%s():%d]Last report name fragment :%s", state.savedFragment);
+        const void* bar = std::memchr(buffer + i, '|', static_cast<std::size_t>(n - i));
+        if (bar == nullptr) {
+            saveFragment(state, i, n);
             return;
         }
-        ++i;
-        ++j;
+        const int end = static_cast<int>(static_cast<const char*>(bar) - buffer);
+        // Bytes past the name buffer are dropped; the name is still handled.
+        const std::size_t length = std::min(static_cast<std::size_t>(end - i), maxName);
+        std::memcpy(state.name, buffer + i, length);
+        state.name[length] = '\0';
+        RF_LOG(kLogInfo, "[%s():%d]Telemetry report  = %s \n", state.name);
+        // A name that started this read whole may be the rest of the last cut name.
+        const bool useFragment =
+            static_cast<int>(length) == end && buffer[0] != '|' && state.savedFragment[0] != '\0';
+        handleNameGuarded(state, useFragment);
+        i = end + 2; // the byte after "|" is the writer's terminator
     }
 }
 
@@ -154,18 +167,18 @@ TelemetryPassStart openTelemetryPipe(int* fd) {
 }
 
 ssize_t readTelemetryPipeOnce(TelemetryPipeState& state, int fd) {
-    ssize_t count = read(fd, state.readBuffer, sizeof state.readBuffer);
+    ssize_t count = read(fd, state.readBuffer, kTelemetryReadSize);
     if (count < 0) {
         return count;
     }
     RF_LOG(kLogDebug, "[%s():%d]TELEMETRYFIFO read happened %s", telemetryFifo());
     if (count > 0) {
-        // The buffer has no room for a terminator: log a bounded copy.
-        std::string text(state.readBuffer, static_cast<std::size_t>(count));
-        RF_LOG(kLogInfo, "[%s():%d]Telemetry service to RF %s, %d\n", text.c_str(),
+        RF_LOG(kLogInfo, "[%s():%d]Telemetry service to RF %s, %d\n", state.readBuffer,
                static_cast<int>(count));
         parseTelemetryRead(state, static_cast<int>(count));
-        std::memset(state.readBuffer, 0, sizeof state.readBuffer);
+        // The buffer was all zero before the read, which wrote only these bytes: clearing
+        // them leaves the whole buffer zeroed.
+        std::memset(state.readBuffer, 0, static_cast<std::size_t>(count));
     }
     return count;
 }

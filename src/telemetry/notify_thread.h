@@ -16,7 +16,9 @@ constexpr int kTelemetryRegistrationId = 43;
 
 // The reader's buffers: allocated and zeroed once when the thread starts, then kept.
 struct TelemetryPipeState {
-    char readBuffer[kTelemetryReadSize];
+    // One read of at most kTelemetryReadSize bytes; the spare last byte stays NUL, so the read
+    // can be logged as text without a copy.
+    char readBuffer[kTelemetryReadSize + 1];
     char name[kTelemetryNameSize];          // the name being collected
     char savedFragment[kTelemetryNameSize]; // a name cut by the end of a read
     char combined[2 * kTelemetryNameSize];  // saved fragment + first name of a later read
