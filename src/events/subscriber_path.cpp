@@ -33,25 +33,6 @@ struct AlertCall {
     NumericDynamicSegment numericIds;
 };
 
-Json::Value composeDocument(AlertCall& call, const std::string& id,
-                            const Json::Value& subscription) {
-    const Json::Value& context = subscription["Context"];
-    Json::Value document(Json::objectValue);
-    document["@odata.context"] = "/redfish/v1/$metadata#Event.Event";
-    document["@odata.type"] = "#Event.v1_5_0.Event";
-    document["@odata.id"] = "/redfish/v1/EventService/Events/" + id;
-    document["Id"] = id;
-    document["Name"] = "Event Array";
-    document["Context"] = context;
-    document["Events"] = Json::Value(Json::arrayValue);
-    document["Events"].append(
-        rfevent::composeAlertEvent(call.header, call.timestamp, &context, nullptr));
-    Json::Value orva(Json::objectValue);
-    GetOrvaEvent(orva);
-    document["Oem"]["Orva"] = orva;
-    return document;
-}
-
 // Suspends or removes a subscription whose destination stayed unreachable.
 void applyRetryPolicy(const std::string& id, const Json::Value& subscription) {
     if (!subscription.isMember("DeliveryRetryPolicy")) {
@@ -74,7 +55,8 @@ void applyRetryPolicy(const std::string& id, const Json::Value& subscription) {
 }
 
 void deliver(AlertCall& call, const std::string& id, const Json::Value& subscription) {
-    Json::Value document = composeDocument(call, id, subscription);
+    Json::Value document =
+        rfevent::composeSubscriberDocument(call.header, call.timestamp, id, subscription);
     Json::Value headers(Json::objectValue);
     headers["HttpHeaders"] = subscription["HttpHeaders"];
     std::string text = rfevent::writeCompactJson(document);
@@ -129,6 +111,28 @@ bool serveSubscription(AlertCall& call, const std::string& id, const Json::Value
 }
 
 } // namespace
+
+namespace rfevent {
+
+Json::Value composeSubscriberDocument(const DataEventHeader* header, const std::string& timestamp,
+                                      const std::string& id, const Json::Value& subscription) {
+    const Json::Value& context = subscription["Context"];
+    Json::Value document(Json::objectValue);
+    document["@odata.context"] = "/redfish/v1/$metadata#Event.Event";
+    document["@odata.type"] = "#Event.v1_5_0.Event";
+    document["@odata.id"] = "/redfish/v1/EventService/Events/" + id;
+    document["Id"] = id;
+    document["Name"] = "Event Array";
+    document["Context"] = context;
+    document["Events"] = Json::Value(Json::arrayValue);
+    document["Events"].append(composeAlertEvent(header, timestamp, &context, nullptr));
+    Json::Value orva(Json::objectValue);
+    GetOrvaEvent(orva);
+    document["Oem"]["Orva"] = orva;
+    return document;
+}
+
+} // namespace rfevent
 
 void sendRedFishEvent(DataEventHeader* header, void* eventContext) {
     (void)eventContext;
