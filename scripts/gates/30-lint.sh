@@ -30,7 +30,7 @@ PY
 
 # clang-tidy over the product and its tools (the tests are covered by cppcheck and the
 # compilers' warnings; analysing GoogleTest-heavy units would double the gate's time).
-mapfile -t tidy_units < <(printf '%s\n' "${analysed[@]}" | grep -E '^(src|tools|fuzz)/')
+mapfile -t tidy_units < <(printf '%s\n' "${analysed[@]}" | grep -E '^(src|tools|fuzz|bench)/')
 echo "-- clang-tidy (${#tidy_units[@]} translation units)"
 # GCC-only warning flags of the build (e.g. -Wshadow=local) are unknown to clang.
 printf '%s\n' "${tidy_units[@]}" |

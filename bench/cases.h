@@ -1,0 +1,32 @@
+// The cases of the benchmark, in the order the table shows them.
+#ifndef RFEVENT_BENCH_CASES_H
+#define RFEVENT_BENCH_CASES_H
+
+#include <string>
+
+#include "context.h"
+#include "table.h"
+
+namespace rfevent::bench {
+
+// Alerts to 1, 10 and 30 push subscribers over HTTPS with mutual TLS, checking off and on.
+void runAlertCases(const Context& context, Table& table);
+// Metric reports: 30 destinations in one pass, one slow destination, 100 and 300.
+void runReportCases(const Context& context, Table& table);
+// SSE report messages of 1 KiB, 64 KiB and 1 MiB over the SSE socket.
+void runSseCases(const Context& context, Table& table);
+// Report lookups in a telemetry database of 10,000 reports.
+void runDatabaseCases(const Context& context, Table& table);
+// Instructions per pipe announcement and per event document, counted by callgrind.
+void runInstructionCases(const Context& context, Table& table);
+// Stripped sizes, resident memory over many alerts, worker threads.
+void runFootprintCases(const Context& context, Table& table);
+
+// The measurements that run in a process of their own ("--child NAME"). They print "key
+// value" lines and return the exit status.
+int runInstructionChild(const std::string& name);
+int runFootprintChild(const std::string& name, const Context& context);
+
+} // namespace rfevent::bench
+
+#endif

@@ -1,0 +1,194 @@
+// Metric reports to push subscribers through send_report_to_subscription, against one plain
+// libcurl multi pass with the same body to the same destinations.
+#include <curl/curl.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cases.h"
+#include "harness/https_server.h"
+#include "harness/sandbox.h"
+#include "subscriptions/report_delivery.h"
+
+namespace rfevent::bench {
+
+namespace {
+
+using testkit::HttpsServer;
+
+const char kDefinition[] = "/redfish/v1/TelemetryService/MetricReportDefinitions/PowerMetrics";
+
+std::string sampleReport() {
+    Json::Value report(Json::objectValue);
+    report["@odata.id"] = "/redfish/v1/TelemetryService/MetricReports/PowerMetrics";
+    report["@odata.type"] = "#MetricReport.v1_4_2.MetricReport";
+    report["Id"] = "PowerMetrics";
+    report["Name"] = "Power metrics";
+    report["ReportSequence"] = "1207";
+    report["Timestamp"] = "2026-11-21T10:15:00+00:00";
+    report["MetricReportDefinition"]["@odata.id"] = kDefinition;
+    Json::Value& values = report["MetricValues"];
+    for (int i = 0; i < 8; ++i) {
+        Json::Value value(Json::objectValue);
+        value["MetricId"] = "SystemInputPower";
+        value["MetricValue"] = std::to_string(310 + i);
+        value["Timestamp"] = "2026-11-21T10:1" + std::to_string(i) + ":00+00:00";
+        value["MetricProperty"] = "/redfish/v1/Chassis/System.Embedded.1/Power#/PowerControl/0";
+        values.append(value);
+    }
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    return Json::writeString(writer, report);
+}
+
+// Subscriptions to the report; `slowServer`, when given, takes the last destination.
+Json::Value reportStore(const HttpsServer& server, int destinations,
+                        const HttpsServer* slowServer = nullptr) {
+    Json::Value store(Json::objectValue);
+    for (int i = 0; i < destinations; ++i) {
+        const bool slow = slowServer != nullptr && i == destinations - 1;
+        const std::string path = "/reports/" + std::to_string(i);
+        Json::Value subscription(Json::objectValue);
+        subscription["Destination"] = slow ? slowServer->url(path) : server.url(path);
+        subscription["EventFormatType"] = "MetricReport";
+        subscription["SubscriptionType"] = "RedfishEvent";
+        subscription["Protocol"] = "Redfish";
+        subscription["DeliveryRetryPolicy"] = "RetryForever";
+        subscription["MetricReportDefinitions"][0]["@odata.id"] = kDefinition;
+        store["r" + std::to_string(1000 + i)] = subscription;
+    }
+    return store;
+}
+
+// The shortest code for the same transfers: one multi pass, libcurl's own wait.
+void plainMultiPass(const std::vector<std::string>& urls, const std::string& body) {
+    CURLM* multi = curl_multi_init();
+    curl_slist* headers = curl_slist_append(nullptr, "Expect:");
+    headers = curl_slist_append(headers, "Content-Type: application/json");
+    std::vector<CURL*> handles;
+    for (const std::string& url : urls) {
+        CURL* curl = curl_easy_init();
+        curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+        curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "https");
+        curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 5L);
+        curl_easy_setopt(curl, CURLOPT_TIMEOUT, 5L);
+        curl_easy_setopt(curl, CURLOPT_POST, 1L);
+        curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
+        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
+        curl_multi_add_handle(multi, curl);
+        handles.push_back(curl);
+    }
+    int running = 1;
+    while (running != 0) {
+        curl_multi_perform(multi, &running);
+        if (running != 0) {
+            curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+        }
+    }
+    int queued = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+        if (message->msg == CURLMSG_DONE && message->data.result != CURLE_OK) {
+            throw std::runtime_error("floor multi pass: a transfer failed");
+        }
+    }
+    for (CURL* curl : handles) {
+        curl_multi_remove_handle(multi, curl);
+        curl_easy_cleanup(curl);
+    }
+    curl_multi_cleanup(multi);
+    curl_slist_free_all(headers);
+}
+
+// Sends the report once and checks that every destination got it.
+void deliverOnce(const std::string& report, HttpsServer& server, std::size_t expected) {
+    server.clear();
+    if (send_report_to_subscription(report.c_str()) != 0 || server.requestCount() != expected) {
+        throw std::runtime_error("report case: the destinations got " +
+                                 std::to_string(server.requestCount()) + " of " +
+                                 std::to_string(expected) + " reports");
+    }
+}
+
+void thirtyDestinations(const Context& context, Table& table, HttpsServer& server,
+                        const std::string& report) {
+    testkit::writeSubscriptionStore(reportStore(server, 30));
+    deliverOnce(report, server, 30);
+    std::vector<std::string> urls;
+    for (const testkit::RecordedRequest& request : server.requests()) {
+        urls.push_back(server.url(request.target));
+    }
+    Comparison result = compareAlternating([&] { deliverOnce(report, server, 30); },
+                                           [&] {
+                                               server.clear();
+                                               plainMultiPass(urls, report);
+                                           },
+                                           context.schedule(9, 3));
+    table.add({"metric report to 30 destinations, one parallel pass", result.plugin, result.floor,
+               Unit::Seconds});
+}
+
+void slowDestination(const Context& context, Table& table, HttpsServer& server,
+                     const std::string& report) {
+    testkit::HttpsServerOptions options;
+    options.requireClientCert = false;
+    options.delayMs = 1000;
+    HttpsServer slow(context.pki, options);
+    testkit::writeSubscriptionStore(reportStore(server, 30, &slow));
+    const double seconds = medianSeconds(
+        [&] {
+            server.clear();
+            slow.clear();
+            send_report_to_subscription(report.c_str());
+            if (server.requestCount() != 29 || slow.requestCount() != 1) {
+                throw std::runtime_error("slow report case: a destination missed the report");
+            }
+        },
+        context.schedule(3, 1));
+    table.add({"metric report to 30, one answering after 1 s (pass vs 1 s)", seconds, 1.0,
+               Unit::Seconds});
+}
+
+void manyDestinations(const Context& context, Table& table, HttpsServer& server,
+                      const std::string& report, int destinations) {
+    const std::string storePath =
+        testkit::rooted("/var/lib/lumenrest/redfish_subscriptions/subscriptions.json");
+    testkit::writeSubscriptionStore(reportStore(server, destinations));
+    const std::string many = testkit::readFile(storePath);
+    testkit::writeSubscriptionStore(reportStore(server, 30));
+    const std::string thirty = testkit::readFile(storePath);
+    // Each side puts its own store in place before its pass: the rewrite weighs on both alike.
+    Comparison result = compareAlternating(
+        [&] {
+            testkit::writeFile(storePath, many);
+            deliverOnce(report, server, static_cast<std::size_t>(destinations));
+        },
+        [&] {
+            testkit::writeFile(storePath, thirty);
+            deliverOnce(report, server, 30);
+        },
+        context.schedule(5, 1));
+    table.add({"metric report to " + std::to_string(destinations) +
+                   " destinations, per destination vs 30",
+               result.plugin / destinations, result.floor / 30, Unit::Seconds});
+}
+
+} // namespace
+
+void runReportCases(const Context& context, Table& table) {
+    testkit::writeDeliveryAttributes(3, 5, "Yes");
+    testkit::HttpsServerOptions options;
+    options.requireClientCert = false;
+    HttpsServer server(context.pki, options);
+    const std::string report = sampleReport();
+    thirtyDestinations(context, table, server, report);
+    slowDestination(context, table, server, report);
+    manyDestinations(context, table, server, report, 100);
+    manyDestinations(context, table, server, report, 300);
+    testkit::removeFile(
+        testkit::rooted("/var/lib/lumenrest/redfish_subscriptions/subscriptions.json"));
+}
+
+} // namespace rfevent::bench
