@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "platform/log.h"
 #include "platform/paths.h"
@@ -28,9 +29,9 @@ namespace {
 constexpr std::size_t kPeerAddressSize = 46; // room for any textual IPv6 address
 
 // The text before the first "<id:", or all of it.
-std::string messagePrefix(const std::string& message) {
+std::string messagePrefix(std::string_view message) {
     std::size_t at = message.find("<id:");
-    return at == std::string::npos ? message : message.substr(0, at);
+    return std::string(at == std::string_view::npos ? message : message.substr(0, at));
 }
 
 // The peer's address of a resolved entry, as text.
@@ -127,19 +128,23 @@ int send_to_sock_sse(const char* msg) {
 }
 
 int sse_chunk_send(const char* msg) {
-    const std::string text(msg);
+    // The pieces are cut from the caller's text, which stays put during the call; only the
+    // piece being sent is copied.
+    const std::string_view text(msg);
     const std::string prefix = messagePrefix(text);
     const std::size_t pieceSize = static_cast<std::size_t>(kSsePieceSize);
     std::size_t offset = 0;
     bool finished = false;
+    std::string chunk;
+    chunk.reserve(prefix.size() + pieceSize);
     // An offset that lands exactly on the end does not finish the loop: a length that is a
     // multiple of the piece size is followed by one piece holding the prefix alone.
     while (!finished) {
-        std::string chunk;
+        chunk.clear();
         if (offset != 0) {
             chunk = prefix;
         }
-        chunk.append(text, offset, std::min(pieceSize, text.size() - offset));
+        chunk.append(text.substr(offset, std::min(pieceSize, text.size() - offset)));
         offset += pieceSize;
         if (offset > text.size()) {
             finished = true;
