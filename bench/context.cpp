@@ -55,7 +55,10 @@ void prepareEnvironment(Context& context) {
         context.root = pattern;
         ::setenv("RFEVENT_ROOT", context.root.c_str(), 1);
         ::setenv("RFEVENT_SSE_PORT", std::to_string(freeLoopbackPort()).c_str(), 1);
-        ::setenv("RFEVENT_LOG_FILE", (context.root + "/log.txt").c_str(), 1);
+        if (context.logFile.empty()) {
+            context.logFile = context.root + "/log.txt";
+        }
+        ::setenv("RFEVENT_LOG_FILE", context.logFile.c_str(), 1);
         ::unsetenv("RFEVENT_LOG_LEVEL");
     }
     testkit::resetSandbox();

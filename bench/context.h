@@ -19,6 +19,7 @@ struct Context {
     std::string self;        // this program, started again for the child measurements
     std::string plugin;      // the x86-64 libredfishevent.so
     std::string armhfPlugin; // the armhf build of it; empty when not built
+    std::string logFile;     // the plug-in's log; empty: log.txt in the sandbox
     bool quick = false;      // fewer rounds, for a smoke run
     testkit::TestPki pki;
 

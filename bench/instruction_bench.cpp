@@ -257,8 +257,8 @@ double countedInstructions(const std::string& path) {
 double underCallgrind(const Context& context, const std::string& child,
                       const std::string& exclude = "") {
     const std::string out = context.root + "/callgrind." + child;
-    std::vector<std::string> command = {"valgrind", "--tool=callgrind", "--collect-atstart=no",
-                                        "--callgrind-out-file=" + out};
+    std::vector<std::string> command = {"valgrind", "-q", "--tool=callgrind",
+                                        "--collect-atstart=no", "--callgrind-out-file=" + out};
     if (!exclude.empty()) {
         command.push_back("--toggle-collect=" + exclude);
     }

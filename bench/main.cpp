@@ -1,10 +1,12 @@
 // rfevent-bench: prints one table of the plug-in's cost against the floor of each case.
 //
 //   rfevent-bench [--quick] [--only NAME[,NAME...]] [--armhf-plugin PATH] [--plugin PATH]
+//                 [--log-file PATH]
 //
 // NAME is one of alerts, reports, sse, database, instructions, footprint. Ratios are the
 // plug-in's cost over the floor's, measured in the same run; absolute figures are for
-// reference only.
+// reference only. The plug-in logs at the platform's default level (errors) to a file in the
+// run's sandbox, or to --log-file (e.g. /dev/null, to see what the log lines cost).
 #include <curl/curl.h>
 #include <unistd.h>
 
@@ -44,7 +46,7 @@ struct Arguments {
 
 void usage() {
     std::fprintf(stderr, "usage: rfevent-bench [--quick] [--only NAME[,NAME...]] "
-                         "[--armhf-plugin PATH] [--plugin PATH]\n");
+                         "[--armhf-plugin PATH] [--plugin PATH] [--log-file PATH]\n");
     std::exit(2);
 }
 
@@ -68,6 +70,8 @@ Arguments parseArguments(int argc, char** argv) {
             }
         } else if (arg == "--armhf-plugin" && hasValue) {
             arguments.context.armhfPlugin = argv[++i];
+        } else if (arg == "--log-file" && hasValue) {
+            arguments.context.logFile = argv[++i];
         } else if (arg == "--plugin" && hasValue) {
             arguments.context.plugin = argv[++i];
         } else if (arg == "--child" && hasValue) {

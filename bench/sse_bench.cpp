@@ -74,7 +74,7 @@ void runOne(const Context& context, Table& table, SseReceiver& receiver, std::si
             }
             waitForAll(receiver, count);
         },
-        context.schedule(9, perRound));
+        context.schedule(15, perRound));
     table.add(
         {std::string("SSE report message of ") + label + " (" + std::to_string(count) + " pieces)",
          result.plugin, result.floor, Unit::Seconds});
