@@ -91,7 +91,7 @@ void runOne(const Context& context, Table& table, HttpsServer& server, int subsc
                 plainPost(post.first, post.second, verify);
             }
         },
-        context.schedule(subscribers == 1 ? 15 : 7, subscribers == 1 ? 20 : 3));
+        context.schedule(subscribers == 1 ? 25 : 7, subscribers == 1 ? 20 : 3));
     std::string name = "alert to " + std::to_string(subscribers) + " push subscriber" +
                        (subscribers == 1 ? "" : "s") + ", certificate checking " +
                        (verify ? "on" : "off");
