@@ -8,6 +8,7 @@
 #include "cases.h"
 #include "harness/https_server.h"
 #include "harness/sandbox.h"
+#include "plain_post.h"
 #include "platform/paths.h"
 
 namespace rfevent::bench {
@@ -34,14 +35,8 @@ Json::Value alertStore(const HttpsServer& server, int subscribers) {
 
 // The shortest code that makes the same request: the options the plug-in sets, in one go.
 void plainPost(const std::string& url, const std::string& body, bool verify) {
-    CURL* curl = curl_easy_init();
     curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/json");
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "https");
-    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 5L);
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 5L);
-    curl_easy_setopt(curl, CURLOPT_POST, 1L);
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    CURL* curl = plainPostHandle(url, body, headers);
     curl_easy_setopt(curl, CURLOPT_SSLCERT, fixedPath(FixedPath::ClientCertificate));
     curl_easy_setopt(curl, CURLOPT_SSLKEY, fixedPath(FixedPath::ClientKey));
     if (verify) {
@@ -51,7 +46,6 @@ void plainPost(const std::string& url, const std::string& body, bool verify) {
         curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
         curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
     }
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
     if (curl_easy_perform(curl) != CURLE_OK) {
         throw std::runtime_error("floor POST to " + url + " failed");
     }

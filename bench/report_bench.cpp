@@ -9,6 +9,7 @@
 #include "cases.h"
 #include "harness/https_server.h"
 #include "harness/sandbox.h"
+#include "plain_post.h"
 #include "subscriptions/report_delivery.h"
 
 namespace rfevent::bench {
@@ -68,16 +69,9 @@ void plainMultiPass(const std::vector<std::string>& urls, const std::string& bod
     headers = curl_slist_append(headers, "Content-Type: application/json");
     std::vector<CURL*> handles;
     for (const std::string& url : urls) {
-        CURL* curl = curl_easy_init();
-        curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-        curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "https");
-        curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 5L);
-        curl_easy_setopt(curl, CURLOPT_TIMEOUT, 5L);
-        curl_easy_setopt(curl, CURLOPT_POST, 1L);
-        curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+        CURL* curl = plainPostHandle(url, body, headers);
         curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
         curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
-        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
         curl_multi_add_handle(multi, curl);
         handles.push_back(curl);
     }
