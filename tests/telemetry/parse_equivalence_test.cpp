@@ -19,18 +19,19 @@ using rfevent::kTelemetryNameSize;
 using rfevent::kTelemetryReadSize;
 using rfevent::TelemetryPipeState;
 
-std::vector<std::string>* g_events = nullptr;
+// What the parser handled in the current round.
+std::vector<std::string> g_events;
 
 char* recordLookup(const char* name) {
-    g_events->push_back(std::string("lookup:") + name);
+    g_events.push_back(std::string("lookup:") + name);
     return nullptr;
 }
 int recordSerialLog() {
-    g_events->push_back("serial");
+    g_events.push_back("serial");
     return 0;
 }
 void recordCpuRegisters() {
-    g_events->push_back("cpu");
+    g_events.push_back("cpu");
 }
 
 // The rules one byte at a time: "|" closes a name (its NUL follows and is skipped), a "|"
@@ -125,17 +126,15 @@ TEST(TelemetryParseEquivalence, MatchesTheByteByByteRulesOnRandomReads) {
         const int n = static_cast<int>(read.size());
         std::memcpy(parsed->readBuffer, read.data(), read.size());
         std::memcpy(reference->readBuffer, read.data(), read.size());
-        std::vector<std::string> events;
         std::vector<std::string> expected;
-        g_events = &events;
+        g_events.clear();
         rfevent::parseTelemetryRead(*parsed, n);
         referenceParse(*reference, n, expected);
-        ASSERT_EQ(expected, events) << "round " << round;
+        ASSERT_EQ(expected, g_events) << "round " << round;
         ASSERT_STREQ(reference->savedFragment, parsed->savedFragment) << "round " << round;
         std::memset(parsed->readBuffer, 0, sizeof parsed->readBuffer);
         std::memset(reference->readBuffer, 0, sizeof reference->readBuffer);
     }
-    g_events = nullptr;
     rfevent::g_telemetryPipeActions = saved;
 }
 
