@@ -16,6 +16,7 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "subscriptions/invalid_dest.h"
+#include "subscriptions/queue_sandbox.h"
 #include "subscriptions/report_delivery.h"
 
 namespace rfevent::testkit {
@@ -23,10 +24,6 @@ namespace {
 
 const char kReport[] = "{\"Id\":\"CPUUsage\",\"MetricValues\":[]}";
 const char kStorePath[] = "/var/lib/lumenrest/redfish_subscriptions/subscriptions.json";
-
-TestPki pki() {
-    return generateTestPki(rooted("/pki"));
-}
 
 std::unique_ptr<HttpsServer> openServer(bool requireClientCert, int delayMs = 0) {
     HttpsServerOptions options;
@@ -71,25 +68,9 @@ std::vector<std::string> bodiesAt(const HttpsServer& server, const std::string& 
     return bodies;
 }
 
-void clearQueue() {
-    InvalidDestinationQueue& queue = invalidDestinationQueue();
-    std::lock_guard<std::mutex> lock(queue.mutex);
-    for (InvalidDestinationRecord* record : queue.records) {
-        releaseInvalidDestinationRecord(record);
-    }
-    queue.records.clear();
-    queue.names.clear();
-    queue.recordCount.store(0, std::memory_order_relaxed);
-}
-
 class InvalidDestTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        resetSandbox();
-        clearQueue();
-        installClientCredentials(pki(), sandboxRoot());
-        writeDeliveryAttributes(1, 0, "No");
-    }
+    void SetUp() override { prepareQueueSandbox(1, 0); }
 };
 
 TEST_F(InvalidDestTest, QueueStartsEmptyAndDrainingItDoesNothing) {

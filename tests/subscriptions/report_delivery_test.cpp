@@ -15,6 +15,7 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "subscriptions/invalid_dest.h"
+#include "subscriptions/queue_sandbox.h"
 #include "subscriptions/report_delivery.h"
 
 namespace rfevent::testkit {
@@ -24,10 +25,6 @@ const char kDefinition[] = "/redfish/v1/TelemetryService/MetricReportDefinitions
 const char kReport[] = "{\"Id\":\"CPUUsage\",\"MetricReportDefinition\":{\"@odata.id\":"
                        "\"/redfish/v1/TelemetryService/MetricReportDefinitions/CPUUsage\"},"
                        "\"MetricValues\":[]}";
-
-TestPki pki() {
-    return generateTestPki(rooted("/pki"));
-}
 
 std::unique_ptr<HttpsServer> openServer() {
     HttpsServerOptions options;
@@ -96,26 +93,9 @@ void fillQueue(int count, const std::string& destination) {
     }
 }
 
-// Tests normally run one per process; when several share one, the queue starts empty anyway.
-void clearQueue() {
-    InvalidDestinationQueue& queue = invalidDestinationQueue();
-    std::lock_guard<std::mutex> lock(queue.mutex);
-    for (InvalidDestinationRecord* record : queue.records) {
-        releaseInvalidDestinationRecord(record);
-    }
-    queue.records.clear();
-    queue.names.clear();
-    queue.recordCount.store(0, std::memory_order_relaxed);
-}
-
 class ReportDeliveryTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        resetSandbox();
-        clearQueue();
-        installClientCredentials(pki(), sandboxRoot());
-        writeDeliveryAttributes(1, 1, "No");
-    }
+    void SetUp() override { prepareQueueSandbox(1, 1); }
 };
 
 TEST_F(ReportDeliveryTest, NullReport) {
