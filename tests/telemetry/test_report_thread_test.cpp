@@ -49,6 +49,22 @@ std::string fifoPath() {
     return rfevent::fixedPath(rfevent::FixedPath::TestReportFifo);
 }
 
+// Starts the real thread (detached: it never ends) and opens its pipe for writing once the
+// thread has created it; -1 when that fails.
+int startThreadAndOpenPipe() {
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, RedfishTestMetricReportThread, nullptr) != 0) {
+        return -1;
+    }
+    pthread_detach(thread);
+    struct stat info;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (stat(fifoPath().c_str(), &info) != 0 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return open(fifoPath().c_str(), O_WRONLY);
+}
+
 // A report-shaped JSON text of exactly size bytes.
 std::string reportOfSize(std::size_t size) {
     std::string head = "{\"Id\":\"TestReport\",\"Pad\":\"";
@@ -132,19 +148,12 @@ TEST(TestReportThread, RunningThreadDeliversWhatIsWritten) {
     g_events.clear();
     rfevent::g_testReportActions = {recordSubscription, recordSse};
     rfevent::g_testReportFlag.store(0);
-    pthread_t thread;
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, RedfishTestMetricReportThread, nullptr));
-    pthread_detach(thread);
-    struct stat info;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (stat(fifoPath().c_str(), &info) != 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    int writer = open(fifoPath().c_str(), O_WRONLY);
+    int writer = startThreadAndOpenPipe();
     ASSERT_GE(writer, 0);
     std::string report = reportOfSize(200);
     ASSERT_EQ(200, ::write(writer, report.data(), report.size()));
     close(writer);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     while (events().size() < 2 && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
@@ -180,15 +189,7 @@ TEST(TestReportEndToEnd, ReportReachesPushSubscriberAndSseClient) {
 
     rfevent::g_testReportActions = rfevent::defaultTestReportActions();
     rfevent::g_testReportFlag.store(0);
-    pthread_t thread;
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, RedfishTestMetricReportThread, nullptr));
-    pthread_detach(thread);
-    struct stat info;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (stat(fifoPath().c_str(), &info) != 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    int writer = open(fifoPath().c_str(), O_WRONLY);
+    int writer = startThreadAndOpenPipe();
     ASSERT_GE(writer, 0);
     ASSERT_EQ(200, ::write(writer, report.data(), report.size()));
     close(writer);
