@@ -14,7 +14,6 @@
 #include <cstring>
 #include <exception>
 #include <memory>
-#include <string>
 
 #include "frame/lifecycle.h"
 #include "platform/log.h"
