@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "base/paths.h"
 #include "cases.h"
 #include "harness/https_server.h"
 #include "harness/sandbox.h"
 #include "plain_post.h"
-#include "platform/paths.h"
 
 namespace rfevent::bench {
 

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <string>
 
+#include "base/paths.h"
 #include "cases.h"
-#include "platform/paths.h"
 #include "telemetry/report_db.h"
 
 namespace rfevent::bench {

@@ -14,10 +14,10 @@
 #include <string>
 #include <thread>
 
+#include "base/paths.h"
 #include "cases.h"
 #include "harness/https_server.h"
 #include "harness/sandbox.h"
-#include "platform/paths.h"
 
 namespace rfevent::bench {
 

@@ -19,7 +19,7 @@
 #include "events/subscriber_path.h"
 #include "harness/sandbox.h"
 #include "platform/platform.h"
-#include "telemetry/notify_thread.h"
+#include "telemetry/notify_thread_internal.h"
 
 namespace rfevent::bench {
 
@@ -77,13 +77,14 @@ void parseWithPlugin(const std::vector<std::string>& list, bool counted) {
     g_telemetryPipeActions.lookup = noSuchReport;
     auto state = std::make_unique<TelemetryPipeState>();
     std::memset(state.get(), 0, sizeof *state);
+    const PipeThread reader = telemetryPipe(*state);
     Pipe pipe;
     if (counted) {
         CALLGRIND_TOGGLE_COLLECT;
     }
     for (const std::string& announcement : list) {
         writeAll(pipe.write, announcement);
-        readTelemetryPipeOnce(*state, pipe.read);
+        readPipeOnce(reader, pipe.read);
     }
     if (counted) {
         CALLGRIND_TOGGLE_COLLECT;

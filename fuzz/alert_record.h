@@ -12,8 +12,8 @@
 
 #include <json/json.h>
 
+#include "base/paths.h"
 #include "fuzz_support.h"
-#include "platform/paths.h"
 #include "rfevent/redfish_event.h"
 
 namespace rfevent::fuzz {

@@ -6,8 +6,8 @@
 #include <exception>
 #include <string>
 
+#include "base/json.h"
 #include "fuzz_support.h"
-#include "telemetry/json_reader.h"
 
 namespace rfevent::fuzz {
 

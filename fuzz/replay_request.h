@@ -7,7 +7,7 @@
 #include <string>
 
 #include "fuzz_support.h"
-#include "sse/replay.h"
+#include "telemetry/replay_internal.h"
 
 namespace rfevent::fuzz {
 

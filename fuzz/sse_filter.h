@@ -10,8 +10,8 @@
 
 #include <json/json.h>
 
+#include "base/paths.h"
 #include "fuzz_support.h"
-#include "platform/paths.h"
 #include "sse/filter.h"
 
 namespace rfevent::fuzz {

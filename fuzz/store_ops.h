@@ -6,8 +6,8 @@
 #include <exception>
 #include <string>
 
+#include "base/paths.h"
 #include "fuzz_support.h"
-#include "platform/paths.h"
 #include "subscriptions/store.h"
 
 namespace rfevent::fuzz {

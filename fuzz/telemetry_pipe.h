@@ -10,7 +10,7 @@
 #include <memory>
 
 #include "fuzz_support.h"
-#include "telemetry/notify_thread.h"
+#include "telemetry/notify_thread_internal.h"
 
 namespace rfevent::fuzz {
 

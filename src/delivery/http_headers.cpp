@@ -1,6 +1,6 @@
 #include "delivery/http_headers.h"
 
-#include "platform/log.h"
+#include "base/log.h"
 
 namespace rfevent {
 namespace {

@@ -3,8 +3,8 @@
 #include <cstdarg>
 #include <cstdint>
 
-#include "frame/config.h"
-#include "platform/log.h"
+#include "base/config.h"
+#include "base/log.h"
 
 using rfevent::kLogDebug;
 using rfevent::kLogError;

@@ -4,9 +4,7 @@
 
 #include <vector>
 
-#include "subscriptions/store.h"
-
-constexpr int kMaxParallelDestinations = 30;
+#include "delivery/target.h"
 
 // failureCount of each target whose transfer failed goes up by one. At most 30 targets.
 void sendMultiperform(const char* body, std::vector<DeliveryTarget*>& targets);

@@ -8,11 +8,11 @@
 #include <mutex>
 #include <string>
 
+#include "base/config.h"
+#include "base/log.h"
+#include "base/paths.h"
 #include "delivery/http_headers.h"
 #include "delivery/jxlog.h"
-#include "frame/config.h"
-#include "platform/log.h"
-#include "platform/paths.h"
 
 using rfevent::kLogDebug;
 using rfevent::kLogError;

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/log.h"
 #include "events/severity.h"
-#include "platform/log.h"
 
 namespace rfevent {
 
@@ -154,10 +154,23 @@ Json::Value composeAlertEvent(const DataEventHeader* header, const std::string& 
     return event;
 }
 
-std::string writeCompactJson(const Json::Value& value) {
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, value);
+Json::Value eventDocument(const std::string& number, const Json::Value& id,
+                          const Json::Value* context, const Json::Value& event) {
+    Json::Value document(Json::objectValue);
+    document["@odata.context"] = "/redfish/v1/$metadata#Event.Event";
+    document["@odata.type"] = "#Event.v1_5_0.Event";
+    document["@odata.id"] = "/redfish/v1/EventService/Events/" + number;
+    document["Id"] = id;
+    document["Name"] = "Event Array";
+    if (context != nullptr) {
+        document["Context"] = *context;
+    }
+    document["Events"] = Json::Value(Json::arrayValue);
+    document["Events"].append(event);
+    Json::Value orva(Json::objectValue);
+    GetOrvaEvent(orva);
+    document["Oem"]["Orva"] = orva;
+    return document;
 }
 
 } // namespace rfevent

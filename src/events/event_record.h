@@ -8,9 +8,15 @@
 
 #include <json/json.h>
 
+#include "base/json.h"
 #include "rfevent/redfish_event.h"
 
 namespace rfevent {
+
+// How both alert paths log the subscription file they read.
+inline const JsonFileTexts kAlertSubscriptionsFile = {
+    kLogError, "subscriptions file does not exist\n", nullptr,
+    "subscriber File Data parsing failed\n", "subscriber File Data Parsed Successfully\n"};
 
 // Byte positions of the fields the plug-in reads.
 constexpr size_t kRecordEventId = 16;
@@ -36,8 +42,11 @@ std::string eventTimestamp();
 Json::Value composeAlertEvent(const DataEventHeader* header, const std::string& timestamp,
                               const Json::Value* context, bool* specialMessage);
 
-// Compact JSON, members in ascending order.
-std::string writeCompactJson(const Json::Value& value);
+// The Event document around one event object, the same for both alert paths: "@odata.id"
+// ends with number, "Id" is id, "Context" is set only when context is given, and "Oem" carries
+// the vendor block.
+Json::Value eventDocument(const std::string& number, const Json::Value& id,
+                          const Json::Value* context, const Json::Value& event);
 
 } // namespace rfevent
 

@@ -2,7 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/log.h"
+#include "base/log.h"
 #include "rfevent/redfish_event.h"
 
 namespace {

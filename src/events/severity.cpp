@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "frame/config.h"
-#include "platform/log.h"
+#include "base/config.h"
+#include "base/log.h"
 
 using rfevent::kLogDebug;
 using rfevent::kLogError;

@@ -1,17 +1,14 @@
 #include "events/sse_path.h"
 
-#include <sys/stat.h>
-
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
-#include <fstream>
 #include <string>
 
+#include "base/json.h"
+#include "base/log.h"
+#include "base/paths.h"
 #include "events/event_record.h"
-#include "events/severity.h"
-#include "platform/log.h"
-#include "platform/paths.h"
 #include "platform/platform.h"
 #include "sse/transport.h"
 
@@ -35,17 +32,8 @@ struct SseAlertCall {
 std::string composeFrame(SseAlertCall& call) {
     bool special = false;
     Json::Value event = rfevent::composeAlertEvent(call.header, call.timestamp, nullptr, &special);
-    Json::Value document(Json::objectValue);
-    document["@odata.context"] = "/redfish/v1/$metadata#Event.Event";
-    document["@odata.type"] = "#Event.v1_5_0.Event";
-    document["@odata.id"] = "/redfish/v1/EventService/Events/" + call.number;
-    document["Id"] = special ? Json::Value(0) : Json::Value(call.number);
-    document["Name"] = "Event Array";
-    document["Events"] = Json::Value(Json::arrayValue);
-    document["Events"].append(event);
-    Json::Value orva(Json::objectValue);
-    GetOrvaEvent(orva);
-    document["Oem"]["Orva"] = orva;
+    Json::Value id = special ? Json::Value(0) : Json::Value(call.number);
+    Json::Value document = rfevent::eventDocument(call.number, id, nullptr, event);
 
     std::string frame = "EventFormatType eq Event=";
     frame += special ? std::string("<id:0>:") : "<id:" + call.number + ">:";
@@ -78,23 +66,12 @@ void sendRedFishEvent_SSE(DataEventHeader* header, void* eventContext) {
     std::snprintf(number, sizeof number, "%ld", static_cast<long>(count));
     SseAlertCall call{header, number, rfevent::eventTimestamp(), {}};
 
-    const char* path = rfevent::fixedPath(rfevent::FixedPath::SseSubscriptions);
-    struct stat info;
-    if (::stat(path, &info) != 0) {
-        RF_LOG(kLogError, "[%s():%d]subscriptions file does not exist\n");
-        RF_EXIT();
-        return;
-    }
-    std::ifstream in(path);
     Json::Value subscriptions;
-    RF_Json_Reader reader;
-    if (!reader.parse(in, subscriptions)) {
-        RF_LOG(kLogError, "[%s():%d]subscriber File Data parsing failed\n");
-        in.close();
+    if (!rfevent::loadJsonObject(RF_HERE, rfevent::fixedPath(rfevent::FixedPath::SseSubscriptions),
+                                 rfevent::kAlertSubscriptionsFile, subscriptions)) {
         RF_EXIT();
         return;
     }
-    RF_LOG(kLogDebug, "[%s():%d]subscriber File Data Parsed Successfully\n");
 
     bool frameSent = false;
     for (auto it = subscriptions.begin(); it != subscriptions.end(); ++it) {
@@ -121,6 +98,5 @@ void sendRedFishEvent_SSE(DataEventHeader* header, void* eventContext) {
             }
         }
     }
-    in.close();
     RF_EXIT();
 }

@@ -1,18 +1,14 @@
 #include "events/subscriber_path.h"
 
-#include <sys/stat.h>
-
-#include <cstring>
-#include <fstream>
 #include <string>
 
+#include "base/json.h"
+#include "base/log.h"
+#include "base/paths.h"
 #include "delivery/single_post.h"
 #include "events/event_record.h"
-#include "events/severity.h"
-#include "platform/log.h"
-#include "platform/paths.h"
 #include "platform/platform.h"
-#include "subscriptions/store.h"
+#include "subscriptions/retry_policy.h"
 
 using rfevent::kLogDebug;
 using rfevent::kLogError;
@@ -38,19 +34,18 @@ void applyRetryPolicy(const std::string& id, const Json::Value& subscription) {
     if (!subscription.isMember("DeliveryRetryPolicy")) {
         return;
     }
-    std::string policy = subscription["DeliveryRetryPolicy"].asString();
-    if (policy == "SuspendRetries") {
-        RF_LOG(kLogDebug, "[%s():%d]Suspending subscription: %s \n", id.c_str());
-        setSubscriptionState(id.c_str(), "Disabled");
-    } else if (policy == "TerminateAfterRetries") {
-        RF_LOG(kLogDebug, "[%s():%d]Terminating subscription: %s \n", id.c_str());
-        if (removeSubscription(id.c_str()) == 0) {
+    const auto policy = rfevent::parseRetryPolicy(subscription["DeliveryRetryPolicy"].asString());
+    if (policy == rfevent::RetryPolicy::Other) {
+        RF_LOG(kLogDebug, "[%s():%d]No change to the subscription: %s \n", id.c_str());
+        return;
+    }
+    int status = rfevent::enforceRetryPolicy(RF_HERE, policy, id.c_str());
+    if (policy == rfevent::RetryPolicy::Terminate) {
+        if (status == 0) {
             RF_LOG(kLogDebug, "[%s():%d]Terminating subscription success");
         } else {
             RF_LOG(kLogError, "[%s():%d]Terminating subscription failed");
         }
-    } else {
-        RF_LOG(kLogDebug, "[%s():%d]No change to the subscription: %s \n", id.c_str());
     }
 }
 
@@ -117,19 +112,8 @@ namespace rfevent {
 Json::Value composeSubscriberDocument(const DataEventHeader* header, const std::string& timestamp,
                                       const std::string& id, const Json::Value& subscription) {
     const Json::Value& context = subscription["Context"];
-    Json::Value document(Json::objectValue);
-    document["@odata.context"] = "/redfish/v1/$metadata#Event.Event";
-    document["@odata.type"] = "#Event.v1_5_0.Event";
-    document["@odata.id"] = "/redfish/v1/EventService/Events/" + id;
-    document["Id"] = id;
-    document["Name"] = "Event Array";
-    document["Context"] = context;
-    document["Events"] = Json::Value(Json::arrayValue);
-    document["Events"].append(composeAlertEvent(header, timestamp, &context, nullptr));
-    Json::Value orva(Json::objectValue);
-    GetOrvaEvent(orva);
-    document["Oem"]["Orva"] = orva;
-    return document;
+    return eventDocument(id, Json::Value(id), &context,
+                         composeAlertEvent(header, timestamp, &context, nullptr));
 }
 
 } // namespace rfevent
@@ -138,23 +122,12 @@ void sendRedFishEvent(DataEventHeader* header, void* eventContext) {
     (void)eventContext;
     RF_ENTER();
     AlertCall call{header, rfevent::eventTimestamp(), {}};
-    const char* path = rfevent::fixedPath(rfevent::FixedPath::SubscriptionStore);
-    struct stat info;
-    if (::stat(path, &info) != 0) {
-        RF_LOG(kLogError, "[%s():%d]subscriptions file does not exist\n");
-        RF_EXIT();
-        return;
-    }
-    std::ifstream in(path);
     Json::Value store;
-    RF_Json_Reader reader;
-    if (!reader.parse(in, store)) {
-        RF_LOG(kLogError, "[%s():%d]subscriber File Data parsing failed\n");
-        in.close();
+    if (!rfevent::loadJsonObject(RF_HERE, rfevent::fixedPath(rfevent::FixedPath::SubscriptionStore),
+                                 rfevent::kAlertSubscriptionsFile, store)) {
         RF_EXIT();
         return;
     }
-    RF_LOG(kLogDebug, "[%s():%d]subscriber File Data Parsed Successfully\n");
     // Walks the in-memory copy: a subscription suspended or removed on the way is still served
     // for its remaining "EventTypes" elements.
     for (auto it = store.begin(); it != store.end(); ++it) {
@@ -162,6 +135,5 @@ void sendRedFishEvent(DataEventHeader* header, void* eventContext) {
             break;
         }
     }
-    in.close();
     RF_EXIT();
 }

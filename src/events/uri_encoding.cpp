@@ -1,7 +1,7 @@
 #include <map>
 #include <string>
 
-#include "platform/log.h"
+#include "base/log.h"
 #include "rfevent/redfish_event.h"
 
 using rfevent::kLogDebug;

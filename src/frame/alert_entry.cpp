@@ -3,9 +3,9 @@
 #include <cstring>
 #include <exception>
 
+#include "base/log.h"
 #include "events/sse_path.h"
 #include "events/subscriber_path.h"
-#include "platform/log.h"
 #include "rfevent/redfish_event.h"
 
 bool isRedfishEventingEnabled() {

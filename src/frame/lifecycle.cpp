@@ -3,19 +3,18 @@
 #include <curl/curl.h>
 #include <dlfcn.h>
 
-#include "platform/log.h"
+#include "base/log.h"
 #include "rfevent/redfish_event.h"
-#include "sse/replay.h"
 #include "subscriptions/invalid_dest.h"
 #include "telemetry/notify_thread.h"
+#include "telemetry/replay.h"
 #include "telemetry/test_report_thread.h"
 
 namespace rfevent {
 
-std::atomic<int> g_telemetryNotifyFlag{1};
-std::atomic<int> g_testReportFlag{1};
-std::atomic<int> g_sseInfraFlag{1};
-std::atomic<bool> g_workersStarted{false};
+RunFlag g_telemetryNotifyFlag{1};
+RunFlag g_testReportFlag{1};
+RunFlag g_sseInfraFlag{1};
 
 ThreadSlot g_threadSlots[kThreadCount];
 
@@ -23,24 +22,24 @@ namespace {
 
 // Creates the thread into its slot. A failing pthread_create is only recorded in the slot:
 // the start function reports success in every case.
-int createInto(ThreadSlot* slot, void* (*body)(void*)) {
-    slot->result = pthread_create(&slot->thread, nullptr, body, nullptr);
+int createInto(ThreadSlot* slot, void* (*body)(void*), RunFlag* flag = nullptr) {
+    slot->result = pthread_create(&slot->thread, nullptr, body, flag);
     return 0;
 }
 
 int startTelemetryNotify(ThreadSlot* slot) {
     g_telemetryNotifyFlag.store(0, std::memory_order_relaxed);
-    return createInto(slot, TelemetryServiceNotifyWaitThread);
+    return createInto(slot, TelemetryServiceNotifyWaitThread, &g_telemetryNotifyFlag);
 }
 
 int startTestReport(ThreadSlot* slot) {
     g_testReportFlag.store(0, std::memory_order_relaxed);
-    return createInto(slot, RedfishTestMetricReportThread);
+    return createInto(slot, RedfishTestMetricReportThread, &g_testReportFlag);
 }
 
 int startSseInfra(ThreadSlot* slot) {
     g_sseInfraFlag.store(0, std::memory_order_relaxed);
-    return createInto(slot, RedfishSSEInfraNotifyThread);
+    return createInto(slot, RedfishSSEInfraNotifyThread, &g_sseInfraFlag);
 }
 
 int startInvalidDest1(ThreadSlot* slot) {

@@ -4,20 +4,18 @@
 
 #include <pthread.h>
 
-#include <atomic>
 #include <cstddef>
+
+#include "base/run_flags.h"
 
 namespace rfevent {
 
 // Run flags of the three pipe threads: 1 = not running / stop requested, 0 = running.
 // Set to 0 by the thread's start function, never set back by the plug-in.
-extern std::atomic<int> g_telemetryNotifyFlag;
-extern std::atomic<int> g_testReportFlag;
-extern std::atomic<int> g_sseInfraFlag;
-
-// Set once Redfish_telemetry_init has started the worker threads. From then on, state they use
-// must outlive the plug-in's unload.
-extern std::atomic<bool> g_workersStarted;
+// Each thread receives its flag as the thread argument.
+extern RunFlag g_telemetryNotifyFlag;
+extern RunFlag g_testReportFlag;
+extern RunFlag g_sseInfraFlag;
 
 // One slot per thread-table entry: the created thread and pthread_create's result.
 struct ThreadSlot {

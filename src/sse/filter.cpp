@@ -1,34 +1,30 @@
 #include "sse/filter.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <fstream>
 
 #include <json/json.h>
 
-#include "platform/log.h"
-#include "platform/paths.h"
-#include "rfevent/redfish_event.h"
+#include "base/json.h"
+#include "base/log.h"
+#include "base/paths.h"
 #include "sse/transport.h"
-#include "telemetry/json_reader.h"
 
+using rfevent::getMetricReportDefinition;
+using rfevent::getReportSequence;
 using rfevent::kLogDebug;
 using rfevent::kLogError;
 using rfevent::kLogInfo;
 
 namespace {
 
+const rfevent::JsonFileTexts kSseSubscriptionsFile = {
+    kLogDebug, "Subscription file does not existn\n", "Subscription file existn\n",
+    "Fail to parse event subscription file\n", nullptr};
+
 const char kWholeMatchFilter[] = "EventFormatType eq MetricReport";
 const char kDefinitionLiteral[] = "MetricReportDefinition eq ";
 constexpr std::size_t kDefinitionLiteralLength = sizeof kDefinitionLiteral - 1; // 26
 constexpr std::size_t kLatestLiteralStart = 2;
-
-// The text before the first "<id:", or all of it.
-std::string messagePrefix(const std::string& message) {
-    std::size_t at = message.find("<id:");
-    return at == std::string::npos ? message : message.substr(0, at);
-}
 
 void addUnique(std::list<std::string>& messages, const std::string& message) {
     if (std::find(messages.begin(), messages.end(), message) == messages.end()) {
@@ -68,12 +64,7 @@ int send_report_to_sse(const char* report) {
     for (const std::string& message : messages) {
         RF_LOG(kLogDebug, "[%s():%d]Send to SSE, processing client %d \n", index);
         RF_LOG(kLogDebug, "[%s():%d]SSE Filter size:%d\n", static_cast<int>(message.size()));
-        if (message.size() <= static_cast<std::size_t>(kSsePieceSize)) {
-            send_to_sock_sse(message.c_str());
-            send_to_sock_sse((messagePrefix(message) + "<END>").c_str());
-        } else {
-            sse_chunk_send(message.c_str());
-        }
+        sendReportMessage(message);
         ++index;
     }
     return 0;
@@ -90,23 +81,11 @@ int filterEventsSSE(const char* report, std::list<std::string>& messages, std::s
         RF_LOG(kLogError, "[%s():%d]Could not find MetricReportDefinition in event\n");
         return 1;
     }
-    const char* path = rfevent::fixedPath(rfevent::FixedPath::SseSubscriptions);
-    struct stat fileStat;
-    if (stat(path, &fileStat) != 0) {
-        RF_LOG(kLogDebug, "[%s():%d]Subscription file does not existn\n");
-        return 1;
-    }
-    RF_LOG(kLogDebug, "[%s():%d]Subscription file existn\n");
-
     Json::Value root;
-    std::ifstream in(path, std::ios::binary);
-    RF_Json_Reader reader;
-    if (!reader.parse(in, root)) {
-        RF_LOG(kLogError, "[%s():%d]Fail to parse event subscription file\n");
-        in.close();
+    if (!rfevent::loadJsonObject(RF_HERE, rfevent::fixedPath(rfevent::FixedPath::SseSubscriptions),
+                                 kSseSubscriptionsFile, root)) {
         return 1;
     }
-    in.close();
     RF_LOG(kLogInfo, "[%s():%d]The MetricReportDefnition is %s", definitionUri.c_str());
 
     int result = 2;

@@ -13,8 +13,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/log.h"
-#include "platform/paths.h"
+#include "base/log.h"
+#include "base/paths.h"
 
 using rfevent::kLogDebug;
 using rfevent::kLogError;
@@ -27,12 +27,6 @@ int sse_sock_fd = -1;
 namespace {
 
 constexpr std::size_t kPeerAddressSize = 46; // room for any textual IPv6 address
-
-// The text before the first "<id:", or all of it.
-std::string messagePrefix(std::string_view message) {
-    std::size_t at = message.find("<id:");
-    return std::string(at == std::string_view::npos ? message : message.substr(0, at));
-}
 
 // The peer's address of a resolved entry, as text.
 void renderPeer(const addrinfo* entry, char* out, socklen_t outSize) {
@@ -94,6 +88,20 @@ void sendOverFreshConnection(const char* msg) {
 }
 
 } // namespace
+
+std::string messagePrefix(std::string_view message) {
+    std::size_t at = message.find("<id:");
+    return std::string(at == std::string_view::npos ? message : message.substr(0, at));
+}
+
+void sendReportMessage(const std::string& message) {
+    if (message.size() <= static_cast<std::size_t>(kSsePieceSize)) {
+        send_to_sock_sse(message.c_str());
+        send_to_sock_sse((messagePrefix(message) + "<END>").c_str());
+    } else {
+        sse_chunk_send(message.c_str());
+    }
+}
 
 int send_to_sse(const char* msg) {
     int result = 0;

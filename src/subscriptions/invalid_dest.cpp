@@ -1,19 +1,18 @@
 #include "subscriptions/invalid_dest.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <exception>
-#include <fstream>
 
+#include "base/guard.h"
+#include "base/json.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/run_flags.h"
 #include "delivery/single_post.h"
-#include "frame/lifecycle.h"
-#include "platform/log.h"
-#include "platform/paths.h"
-#include "rfevent/redfish_event.h"
+#include "subscriptions/retry_policy.h"
 #include "subscriptions/store.h"
 
 using rfevent::kLogDebug;
@@ -48,17 +47,13 @@ InvalidDestinationRecord* takeFront() {
 void applyRetryPolicy(const InvalidDestinationRecord& record) {
     RF_LOG(kLogInfo, "[%s():%d]Retransmission uri = %s", record.destination);
     RF_LOG(kLogDebug, "[%s():%d]Suspending/Terminating/Adding invalid field to the subscription");
-    const std::string policy = record.retryPolicy != nullptr ? record.retryPolicy : "";
+    const auto policy = parseRetryPolicy(record.retryPolicy != nullptr ? record.retryPolicy : "");
     const char* id = record.subscriptionId != nullptr ? record.subscriptionId : "";
-    if (policy == "SuspendRetries") {
-        RF_LOG(kLogDebug, "[%s():%d]Suspending subscription: %s \n", id);
-        setSubscriptionState(id, "Disabled");
-    } else if (policy == "TerminateAfterRetries") {
-        RF_LOG(kLogDebug, "[%s():%d]Terminating subscription: %s \n", id);
-        removeSubscription(id);
-    } else {
+    if (policy == RetryPolicy::Other) {
         RF_LOG(kLogDebug, "[%s():%d]Adding invalid field in subscription");
         addInvalidMemberinSubscription(id);
+    } else {
+        enforceRetryPolicy(RF_HERE, policy, id);
     }
 }
 
@@ -96,9 +91,9 @@ void probeSubscription(Json::Value& document, const std::string& id) {
     writeSubscriptionStore(document);
 }
 
-void logDroppedWork(const char* what) {
-    RF_LOG(kLogError, "[%s():%d]Dropping this unit of work after an error: %s", what);
-}
+const JsonFileTexts kProbedStore = {kLogDebug, "Subscription file does not exist\n",
+                                    "Subscription file exists\n",
+                                    "Fail to parse event subscription file\n", nullptr};
 
 } // namespace
 
@@ -184,44 +179,22 @@ void drainInvalidDestinationQueueOnce() {
         if (record == nullptr) {
             break;
         }
-        try {
-            resend(*record);
-        } catch (const std::exception& error) {
-            logDroppedWork(error.what());
-        } catch (...) {
-            logDroppedWork("unknown exception");
-        }
+        guarded(RF_HERE, "Re-send dropped", [record] { resend(*record); });
         releaseInvalidDestinationRecord(record);
     }
 }
 
 bool probeInvalidDestinationsOnce() {
-    const char* path = fixedPath(FixedPath::SubscriptionStore);
-    struct stat info;
-    if (stat(path, &info) != 0) {
-        RF_LOG(kLogDebug, "[%s():%d]Subscription file does not exist\n");
+    Json::Value document;
+    if (!loadJsonObject(RF_HERE, fixedPath(FixedPath::SubscriptionStore), kProbedStore, document)) {
         return true;
     }
-    RF_LOG(kLogDebug, "[%s():%d]Subscription file exists\n");
-    Json::Value document;
-    {
-        std::ifstream in(path, std::ios::binary);
-        RF_Json_Reader reader;
-        if (!in.is_open() || !reader.parse(in, document, false) || !document.isObject()) {
-            RF_LOG(kLogError, "[%s():%d]Fail to parse event subscription file\n");
-            return true;
-        }
-    }
     for (const std::string& id : document.getMemberNames()) {
-        try {
+        guarded(RF_HERE, "Probe dropped", [&] {
             if (document[id].isObject() && document[id].isMember("InvalidDestination")) {
                 probeSubscription(document, id);
             }
-        } catch (const std::exception& error) {
-            logDroppedWork(error.what());
-        } catch (...) {
-            logDroppedWork("unknown exception");
-        }
+        });
     }
     return false;
 }
@@ -235,13 +208,8 @@ void* InvalidDestHandlingThread1(void* unused) {
         if (rfevent::queuedRecordCount() == 0) {
             continue;
         }
-        try {
-            rfevent::drainInvalidDestinationQueueOnce();
-        } catch (const std::exception& error) {
-            rfevent::logDroppedWork(error.what());
-        } catch (...) {
-            rfevent::logDroppedWork("unknown exception");
-        }
+        rfevent::guarded(RF_HERE, "Queue pass dropped",
+                         [] { rfevent::drainInvalidDestinationQueueOnce(); });
     }
     return nullptr;
 }
@@ -250,13 +218,8 @@ void* InvalidDestHandlingThread2(void* unused) {
     (void)unused;
     for (;;) {
         bool end = false;
-        try {
-            end = rfevent::probeInvalidDestinationsOnce();
-        } catch (const std::exception& error) {
-            rfevent::logDroppedWork(error.what());
-        } catch (...) {
-            rfevent::logDroppedWork("unknown exception");
-        }
+        rfevent::guarded(RF_HERE, "Probe cycle dropped",
+                         [&end] { end = rfevent::probeInvalidDestinationsOnce(); });
         if (end) {
             return nullptr;
         }

@@ -1,21 +1,18 @@
 #include "subscriptions/report_delivery.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <vector>
 
+#include "base/json.h"
+#include "base/log.h"
+#include "base/paths.h"
 #include "delivery/parallel_post.h"
-#include "platform/log.h"
-#include "platform/paths.h"
-#include "rfevent/redfish_event.h"
 #include "subscriptions/invalid_dest.h"
 #include "subscriptions/store.h"
-#include "telemetry/json_reader.h"
 
+using rfevent::getMetricReportDefinition;
 using rfevent::kLogDebug;
 using rfevent::kLogError;
 using rfevent::kLogInfo;
@@ -23,6 +20,10 @@ using rfevent::kLogInfo;
 namespace {
 
 const char kMetricReport[] = "MetricReport";
+
+const rfevent::JsonFileTexts kReportStore = {kLogDebug, "Subscription file does not exist\n",
+                                             "Subscription file exists\n",
+                                             "Fail to parse event subscription file\n", nullptr};
 
 // Releases the targets however the call ends (a JSON type error may escape to the caller).
 struct TargetsGuard {
@@ -154,23 +155,11 @@ int send_report_to_subscription(const char* report) {
         RF_EXIT();
         return -1;
     }
-    const char* path = rfevent::fixedPath(rfevent::FixedPath::SubscriptionStore);
-    struct stat info;
-    if (stat(path, &info) != 0) {
-        RF_LOG(kLogDebug, "[%s():%d]Subscription file does not exist\n");
+    Json::Value store;
+    if (!rfevent::loadJsonObject(RF_HERE, rfevent::fixedPath(rfevent::FixedPath::SubscriptionStore),
+                                 kReportStore, store)) {
         RF_EXIT();
         return -1;
-    }
-    RF_LOG(kLogDebug, "[%s():%d]Subscription file exists\n");
-    Json::Value store;
-    {
-        std::ifstream in(path, std::ios::binary);
-        RF_Json_Reader reader;
-        if (!in.is_open() || !reader.parse(in, store, false) || !store.isObject()) {
-            RF_LOG(kLogError, "[%s():%d]Fail to parse event subscription file\n");
-            RF_EXIT();
-            return -1;
-        }
     }
     std::vector<DeliveryTarget*> targets;
     TargetsGuard guard{targets};

@@ -4,16 +4,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 #include <string>
 
-#include "platform/log.h"
-#include "platform/paths.h"
-#include "rfevent/redfish_event.h"
+#include "base/fd.h"
+#include "base/json.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "platform/platform.h"
 
 using rfevent::kLogDebug;
 using rfevent::kLogError;
@@ -22,20 +24,6 @@ namespace {
 
 const char* storePath() {
     return rfevent::fixedPath(rfevent::FixedPath::SubscriptionStore);
-}
-
-bool storeExists() {
-    struct stat info;
-    return ::stat(storePath(), &info) == 0;
-}
-
-// Parses the whole store; the stream is closed before returning.
-bool loadStore(Json::Value& root) {
-    std::ifstream in(storePath());
-    RF_Json_Reader reader;
-    bool ok = reader.parse(in, root);
-    in.close();
-    return ok;
 }
 
 // The first top-level member whose name is exactly id, or nullptr.
@@ -52,20 +40,6 @@ const Json::Value* findSubscription(const Json::Value& root, const char* id,
         }
     }
     return nullptr;
-}
-
-bool writeAll(int fd, const std::string& text) {
-    const char* data = text.data();
-    size_t left = text.size();
-    while (left > 0) {
-        ssize_t n = ::write(fd, data, left);
-        if (n < 0) {
-            return false;
-        }
-        data += n;
-        left -= static_cast<size_t>(n);
-    }
-    return true;
 }
 
 // Frees the telemetry slot held by a "MetricReport" subscription before it goes away.
@@ -99,21 +73,28 @@ void releaseTelemetrySlot(const Json::Value& subscription) {
 namespace rfevent {
 
 bool writeSubscriptionStore(const Json::Value& document) {
+    // A store that is a link (into persistent storage, say) is followed: the file it points to
+    // is replaced, in that file's folder, and the link stays.
     std::string path = storePath();
+    if (char* target = ::realpath(path.c_str(), nullptr)) {
+        path = target;
+        std::free(target);
+    }
     std::ostringstream text;
     text << document;
     std::string temp = path + ".tmp.XXXXXX";
-    int fd = ::mkstemp(temp.data());
-    if (fd < 0) {
+    UniqueFd fd(::mkostemp(temp.data(), O_CLOEXEC));
+    if (!fd.valid()) {
         RF_LOG(kLogError, "[%s():%d]Cannot create a temporary file for %s", path.c_str());
         return false;
     }
     // Keep the store's permissions: the REST server reads it too.
     struct stat info;
     mode_t mode = (::stat(path.c_str(), &info) == 0) ? (info.st_mode & 07777) : 0644;
-    bool ok = ::fchmod(fd, mode) == 0;
-    ok = writeAll(fd, text.str()) && ok;
-    ok = (::close(fd) == 0) && ok;
+    const std::string content = text.str();
+    bool ok = ::fchmod(fd.get(), mode) == 0;
+    ok = writeAll(fd.get(), content.data(), content.size()) && ok;
+    ok = (::close(fd.release()) == 0) && ok;
     if (ok) {
         ok = ::rename(temp.c_str(), path.c_str()) == 0;
     }
@@ -124,95 +105,83 @@ bool writeSubscriptionStore(const Json::Value& document) {
     return ok;
 }
 
+namespace {
+
+// The store's log lines as one operation says them.
+struct StoreTexts {
+    const char* missing;    // level 4
+    const char* present;    // level 4, or null
+    const char* unparsable; // level 2
+    const char* notFound;   // level 2, or null
+};
+
+const StoreTexts kRemoveOrSetTexts = {"Subscription file does not present.", nullptr,
+                                      "subscriber File Data parsing failed\n",
+                                      "Could not find the matching subscription"};
+const StoreTexts kAddInvalidTexts = {"Subscription file does not exist\n",
+                                     "Subscription file exists\n",
+                                     "Fail to parse event subscription file\n", nullptr};
+
+// The read-modify-write of every store operation: load the store, find the subscription whose
+// name is exactly id, let change edit the document (given the matched name), rewrite the store.
+// 0 when rewritten, -1 when the store is absent, does not parse or lacks the subscription.
+template <typename Change>
+int modifySubscription(SourceSpot spot, const StoreTexts& texts, const char* id, Change change) {
+    const JsonFileTexts fileTexts = {kLogDebug, texts.missing, texts.present, texts.unparsable,
+                                     "subscriber File Data Parsed Successfully\n"};
+    Json::Value root;
+    if (!loadJsonObject(spot, storePath(), fileTexts, root)) {
+        return -1;
+    }
+    std::string name;
+    if (findSubscription(root, id, name) == nullptr) {
+        if (texts.notFound != nullptr) {
+            RF_LOG_AT(spot, kLogError, "[%s():%d]%s", texts.notFound);
+        }
+        return -1;
+    }
+    change(root, name);
+    writeSubscriptionStore(root);
+    return 0;
+}
+
+} // namespace
+
 } // namespace rfevent
 
 int removeSubscription(const char* subscriptionId) {
     RF_ENTER();
-    if (!storeExists()) {
-        RF_LOG(kLogDebug, "[%s():%d]Subscription file does not present.");
-        RF_EXIT();
-        return -1;
-    }
-    Json::Value root;
-    if (!loadStore(root)) {
-        RF_LOG(kLogError, "[%s():%d]subscriber File Data parsing failed\n");
-        RF_EXIT();
-        return -1;
-    }
-    RF_LOG(kLogDebug, "[%s():%d]subscriber File Data Parsed Successfully\n");
-    std::string name;
-    const Json::Value* found = findSubscription(root, subscriptionId, name);
-    if (found == nullptr) {
-        RF_LOG(kLogError, "[%s():%d]Could not find the matching subscription");
-        RF_EXIT();
-        return -1;
-    }
-    Json::Value subscription = *found;
-    releaseTelemetrySlot(subscription);
-    root.removeMember(name);
-    RF_LOG(kLogDebug, "[%s():%d]recreated subscription file");
-    rfevent::writeSubscriptionStore(root);
+    int status =
+        rfevent::modifySubscription(RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
+                                    [](Json::Value& root, const std::string& name) {
+                                        releaseTelemetrySlot(root[name]);
+                                        root.removeMember(name);
+                                        RF_LOG(kLogDebug, "[%s():%d]recreated subscription file");
+                                    });
     RF_EXIT();
-    return 0;
+    return status;
 }
 
 int addInvalidMemberinSubscription(const char* subscriptionId) {
     RF_ENTER();
-    if (!storeExists()) {
-        RF_LOG(kLogDebug, "[%s():%d]Subscription file does not exist\n");
-        RF_EXIT();
-        return -1;
-    }
-    RF_LOG(kLogDebug, "[%s():%d]Subscription file exists\n");
-    Json::Value root;
-    if (!loadStore(root)) {
-        RF_LOG(kLogError, "[%s():%d]Fail to parse event subscription file\n");
-        RF_EXIT();
-        return -1;
-    }
-    RF_LOG(kLogDebug, "[%s():%d]subscriber File Data Parsed Successfully\n");
-    std::string name;
-    const Json::Value* found = findSubscription(root, subscriptionId, name);
-    if (found == nullptr) {
-        RF_EXIT();
-        return -1;
-    }
-    Json::Value subscription = *found;
-    subscription["InvalidDestination"] = true;
-    root[name] = subscription;
-    rfevent::writeSubscriptionStore(root);
+    int status = rfevent::modifySubscription(RF_HERE, rfevent::kAddInvalidTexts, subscriptionId,
+                                             [](Json::Value& root, const std::string& name) {
+                                                 root[name]["InvalidDestination"] = true;
+                                             });
     RF_EXIT();
-    return 0;
+    return status;
 }
 
 int setSubscriptionState(const char* subscriptionId, const char* state) {
     RF_ENTER();
-    if (!storeExists()) {
-        RF_LOG(kLogDebug, "[%s():%d]Subscription file does not present.");
-        RF_EXIT();
-        return -1;
-    }
-    Json::Value root;
-    if (!loadStore(root)) {
-        RF_LOG(kLogError, "[%s():%d]subscriber File Data parsing failed\n");
-        RF_EXIT();
-        return -1;
-    }
-    RF_LOG(kLogDebug, "[%s():%d]subscriber File Data Parsed Successfully\n");
-    std::string name;
-    const Json::Value* found = findSubscription(root, subscriptionId, name);
-    if (found == nullptr) {
-        RF_LOG(kLogError, "[%s():%d]Could not find the matching subscription");
-        RF_EXIT();
-        return -1;
-    }
-    Json::Value subscription = *found;
-    subscription["SubscriptionStateAfterRetry"] = state;
-    root[name] = subscription;
-    RF_LOG(kLogDebug, "[%s():%d]updated subscription file");
-    rfevent::writeSubscriptionStore(root);
+    int status =
+        rfevent::modifySubscription(RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
+                                    [state](Json::Value& root, const std::string& name) {
+                                        root[name]["SubscriptionStateAfterRetry"] = state;
+                                        RF_LOG(kLogDebug, "[%s():%d]updated subscription file");
+                                    });
     RF_EXIT();
-    return 0;
+    return status;
 }
 
 void removeFromSubscription(std::vector<DeliveryTarget*>& targets) {

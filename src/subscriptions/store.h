@@ -8,15 +8,7 @@
 
 #include <json/json.h>
 
-// One destination of a parallel delivery. Texts are heap copies released with free().
-struct DeliveryTarget {
-    char* destination;
-    void* spare;
-    char* subscriptionId;
-    int32_t failureCount;
-    char* retryPolicy;
-    Json::Value* subscription; // heap copy, deleted with the record
-};
+#include "delivery/target.h"
 
 // The three store operations: 0 when the store was rewritten, -1 when it is absent, does not
 // parse or has no subscription with that id (the file is then left untouched).

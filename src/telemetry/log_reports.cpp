@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <sys/time.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,8 +13,9 @@
 
 #include <json/json.h>
 
-#include "platform/log.h"
-#include "platform/paths.h"
+#include "base/file.h"
+#include "base/log.h"
+#include "base/paths.h"
 #include "rfevent/redfish_event.h"
 #include "sse/transport.h"
 #include "subscriptions/report_delivery.h"
@@ -74,42 +76,27 @@ Json::Value reportTimestamp() {
     return Json::Value(stamp);
 }
 
-// Loads the type's counter from its file, returns it and stores the next value.
+// Loads the type's counter from its file, returns it and stores the next value. After the
+// largest int the sequence starts again at 1, the number of a type's first report.
 int takeSequence(std::atomic<int>& counter, const char* path) {
     counter.store(GetReportSequence(path), std::memory_order_relaxed);
     int value = counter.load(std::memory_order_relaxed);
-    SetReportSequence(path, value + 1);
+    SetReportSequence(path, value == INT_MAX ? 1 : value + 1);
     return value;
 }
 
-// Reads a whole file into a zeroed block one byte longer than the file; null on failure,
-// which is logged. Used by the CPU register dump, which is never locked.
-char* readWholeFile(FILE* file, long* size) {
-    if (std::fseek(file, 0, SEEK_END) != 0) {
-        RF_LOG(kLogError, "[%s():%d]File operation seek failed in local export function ");
-        return nullptr;
-    }
-    *size = std::ftell(file);
-    if (*size == -1) {
-        RF_LOG(kLogError, "[%s():%d]File operation ftell failed in local export function ");
-        return nullptr;
-    }
-    if (std::fseek(file, 0, SEEK_SET) != 0) {
-        RF_LOG(kLogError, "[%s():%d]File operation seek failed in local export function ");
-        return nullptr;
-    }
-    char* buffer = static_cast<char*>(std::calloc(static_cast<std::size_t>(*size) + 1, 1));
-    if (buffer == nullptr) {
-        RF_LOG(kLogError, "[%s():%d]File memory allocation failed in local export function ");
-        return nullptr;
-    }
-    if (std::fread(buffer, 1, static_cast<std::size_t>(*size), file) !=
-        static_cast<std::size_t>(*size)) {
-        RF_LOG(kLogError, "[%s():%d]File could not be read in local export function ");
-        std::free(buffer);
-        return nullptr;
-    }
-    return buffer;
+const rfevent::WholeFileTexts kSerialLogRead = {"File operation ftell failed in  function ", true};
+const rfevent::WholeFileTexts kCpuDumpRead = {
+    "File operation ftell failed in local export function ", false};
+
+// The serial-log lock that a run left held because the capture could not be opened. It stays
+// held by the process, and the next run takes it over instead of locking again, so repeated
+// runs never pile up descriptors.
+std::atomic<int> g_heldSerialLogLock{-1};
+
+int takeSerialLogLock() {
+    int held = g_heldSerialLogLock.exchange(-1, std::memory_order_relaxed);
+    return held >= 0 ? held : utl_trylock_write(fixedPath(FixedPath::SerialLogLock));
 }
 
 void unlockSerialLog(int lockFd, int* result) {
@@ -125,55 +112,30 @@ void unlockSerialLog(int lockFd, int* result) {
 
 int sendSerialLogToSSE() {
     RF_ENTER();
-    int lockFd = utl_trylock_write(fixedPath(FixedPath::SerialLogLock));
+    int lockFd = takeSerialLogLock();
     if (lockFd < 0) {
         RF_LOG(kLogInfo, "[%s():%d]Error in serial log file open/lock:%d\n", errno);
         return -1;
     }
-    FILE* capture = std::fopen(fixedPath(FixedPath::SerialLogCapture), "rb");
+    // A link at the capture path is refused: it would send another file out and truncate it.
+    rfevent::UniqueFile capture =
+        rfevent::openForReading(fixedPath(FixedPath::SerialLogCapture), true);
     if (capture == nullptr) {
         // The lock stays held by the process on this path.
         RF_LOG(kLogError, "[%s():%d]File could not be read in local export function Exit");
+        g_heldSerialLogLock.store(lockFd, std::memory_order_relaxed);
         return -1;
     }
-    if (std::fseek(capture, 0, SEEK_END) != 0) {
-        RF_LOG(kLogError, "[%s():%d]File operation seek failed in local export function ");
-        std::fclose(capture);
-        unlockSerialLog(lockFd, nullptr);
-        return -1;
-    }
-    long size = std::ftell(capture);
-    RF_LOG(kLogInfo, "[%s():%d]lSize :%ld", size);
-    if (size == -1) {
-        RF_LOG(kLogError, "[%s():%d]File operation ftell failed in  function ");
-        std::fclose(capture);
-        unlockSerialLog(lockFd, nullptr);
-        return -1;
-    }
-    if (std::fseek(capture, 0, SEEK_SET) != 0) {
-        RF_LOG(kLogError, "[%s():%d]File operation seek failed in local export function ");
-        std::fclose(capture);
-        unlockSerialLog(lockFd, nullptr);
-        return -1;
-    }
-    char* buffer = static_cast<char*>(std::calloc(static_cast<std::size_t>(size) + 1, 1));
+    long size = 0;
+    char* buffer = rfevent::readWholeFile(capture.get(), &size, RF_HERE, kSerialLogRead);
     if (buffer == nullptr) {
-        RF_LOG(kLogError, "[%s():%d]File memory allocation failed in local export function ");
-        std::fclose(capture);
-        unlockSerialLog(lockFd, nullptr);
-        return -1;
-    }
-    if (std::fread(buffer, 1, static_cast<std::size_t>(size), capture) !=
-        static_cast<std::size_t>(size)) {
-        RF_LOG(kLogError, "[%s():%d]File could not be read in local export function ");
-        std::free(buffer);
-        std::fclose(capture);
+        capture.reset();
         unlockSerialLog(lockFd, nullptr);
         return -1;
     }
     // The payload ends at the first NUL byte of the capture.
     std::string document = GenerateLogEntryJsonForTelemetry(std::string(buffer), kSerialLogType);
-    std::fclose(capture);
+    capture.reset();
     utl_echo_write(document.c_str(), document.size(), fixedPath(FixedPath::SerialLogReport), 1, 1);
 
     int result = 0;
@@ -192,21 +154,21 @@ int sendSerialLogToSSE() {
 
 void sendCPUDumpToTelemetry() {
     RF_ENTER();
-    FILE* dump = std::fopen(fixedPath(FixedPath::CpuRegisterCapture), "rb");
+    rfevent::UniqueFile dump =
+        rfevent::openForReading(fixedPath(FixedPath::CpuRegisterCapture), true);
     if (dump == nullptr) {
         RF_LOG(kLogError, "[%s():%d]File could not be read in local export function Exit");
         return;
     }
     long size = 0;
-    char* buffer = readWholeFile(dump, &size);
+    char* buffer = rfevent::readWholeFile(dump.get(), &size, RF_HERE, kCpuDumpRead);
     if (buffer == nullptr) {
-        std::fclose(dump);
         return;
     }
     char* encoded = base64Encode(reinterpret_cast<const unsigned char*>(buffer),
                                  static_cast<std::size_t>(size), nullptr);
     int status = sendCPURegisterReport(encoded, kCpuRegistersType);
-    std::fclose(dump);
+    dump.reset();
     RF_LOG(kLogInfo, "[%s():%d]status:%d", status);
     std::free(buffer);
     std::free(encoded);
@@ -312,12 +274,7 @@ int sendLog_to_sse(const char* reportJson, const char* type) {
     int id = counter->fetch_add(1, std::memory_order_relaxed);
     std::string message = prefix + "<id:" + std::to_string(id) + ">:" + reportJson;
     EncodeStr(message);
-    if (message.size() > static_cast<std::size_t>(kSsePieceSize)) {
-        sse_chunk_send(message.c_str());
-    } else {
-        send_to_sock_sse(message.c_str());
-        send_to_sock_sse((prefix + "<END>").c_str());
-    }
+    sendReportMessage(message);
     return 0;
 }
 

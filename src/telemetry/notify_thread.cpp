@@ -1,4 +1,5 @@
 #include "telemetry/notify_thread.h"
+#include "telemetry/notify_thread_internal.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -12,12 +13,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <memory>
+#include <new>
 
-#include "frame/lifecycle.h"
-#include "platform/log.h"
-#include "platform/paths.h"
+#include "base/guard.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/pipe_thread.h"
+#include "base/run_flags.h"
+#include "platform/platform.h"
 #include "sse/filter.h"
 #include "subscriptions/report_delivery.h"
 #include "telemetry/log_reports.h"
@@ -36,10 +40,6 @@ namespace {
 
 const char* telemetryFifo() {
     return fixedPath(FixedPath::TelemetryFifo);
-}
-
-bool flagClear() {
-    return g_telemetryNotifyFlag.load(std::memory_order_relaxed) == 0;
 }
 
 struct FreeDeleter {
@@ -84,18 +84,6 @@ void handleName(TelemetryPipeState& state, bool useFragment) {
     }
 }
 
-// The unit of work of the thread is one announcement: a failure drops it and the parse goes
-// on with the next one.
-void handleNameGuarded(TelemetryPipeState& state, bool useFragment) {
-    try {
-        handleName(state, useFragment);
-    } catch (const std::exception& error) {
-        RF_LOG(kLogError, "[%s():%d]Report announcement dropped: %s", error.what());
-    } catch (...) {
-        RF_LOG(kLogError, "[%s():%d]Report announcement dropped");
-    }
-}
-
 // The bytes from i to the end of the read hold a name without its "|": the writer's next
 // write carries the rest. A cut name longer than the name buffer is dropped.
 void saveFragment(TelemetryPipeState& state, int i, int n) {
@@ -133,43 +121,25 @@ void parseTelemetryRead(TelemetryPipeState& state, int n) {
         // A name that started this read whole may be the rest of the last cut name.
         const bool useFragment =
             static_cast<int>(length) == end && buffer[0] != '|' && state.savedFragment[0] != '\0';
-        handleNameGuarded(state, useFragment);
+        // One announcement is one unit of work: a failure drops it, the parse goes on.
+        guarded(RF_HERE, "Report announcement dropped", [&] { handleName(state, useFragment); });
         i = end + 2; // the byte after "|" is the writer's terminator
     }
 }
 
-TelemetryPassStart openTelemetryPipe(int* fd) {
-    *fd = -1;
-    RF_LOG(kLogInfo, "[%s():%d]Redfish Telemetry service  FIFO CREATION");
-    int status = mkfifo(telemetryFifo(), 0660);
-    int error = errno;
-    RF_LOG(kLogInfo, "[%s():%d]Redfish Telemetry service FIFO  status = %d , errno = %d  %s",
-           status, error, std::strerror(error));
-    if (status != 0 && error != EEXIST) {
-        return TelemetryPassStart::PipeFailed;
-    }
-    status = telemetrySvc_registerForReportTriggers(telemetryFifo(), kTelemetryRegistrationId);
+namespace {
+
+bool registerForReportTriggers() {
+    int status = telemetrySvc_registerForReportTriggers(telemetryFifo(), kTelemetryRegistrationId);
     if (status != 0) {
         RF_LOG(kLogInfo, "[%s():%d]telemetrySvc_registerForReportTriggers failed, status = %d \n",
                status);
-        return TelemetryPassStart::RegisterFailed;
+        return false;
     }
-    RF_LOG(kLogInfo, "[%s():%d]Redfish Telemetry service FIFO created");
-    RF_LOG(kLogInfo, "[%s():%d]waiting on TELEMETRYFIFO  %s", telemetryFifo());
-    *fd = open(telemetryFifo(), O_RDONLY);
-    RF_LOG(kLogInfo, "[%s():%d]TELEMETRYFIFO Opened %s", telemetryFifo());
-    if (*fd < 0) {
-        RF_LOG(kLogError, "[%s():%d]Named pipe open failed");
-        return TelemetryPassStart::OpenFailed;
-    }
-    return TelemetryPassStart::Opened;
+    return true;
 }
 
-ssize_t readTelemetryPipeOnce(TelemetryPipeState& state, int fd) {
-    ssize_t count = read(fd, state.readBuffer, kTelemetryReadSize);
-    if (count < 0) {
-        return count;
-    }
+void handleTelemetryRead(TelemetryPipeState& state, ssize_t count) {
     RF_LOG(kLogDebug, "[%s():%d]TELEMETRYFIFO read happened %s", telemetryFifo());
     if (count > 0) {
         RF_LOG(kLogInfo, "[%s():%d]Telemetry service to RF %s, %d\n", state.readBuffer,
@@ -179,76 +149,40 @@ ssize_t readTelemetryPipeOnce(TelemetryPipeState& state, int fd) {
         // them leaves the whole buffer zeroed.
         std::memset(state.readBuffer, 0, static_cast<std::size_t>(count));
     }
-    return count;
-}
-
-namespace {
-
-// Reads until read() fails; a pipe without writer is polled every second.
-void readUntilError(TelemetryPipeState& state, int fd) {
-    for (;;) {
-        ssize_t count = 0;
-        try {
-            count = readTelemetryPipeOnce(state, fd);
-        } catch (const std::exception& error) {
-            RF_LOG(kLogError, "[%s():%d]Telemetry read dropped: %s", error.what());
-            std::memset(state.readBuffer, 0, sizeof state.readBuffer);
-            continue;
-        }
-        if (count < 0) {
-            return;
-        }
-        if (count == 0) {
-            sleep(1);
-        }
-    }
-}
-
-[[noreturn]] void parkForever() {
-    for (;;) {
-        sleep(3600);
-    }
 }
 
 } // namespace
 
+PipeThread telemetryPipe(TelemetryPipeState& state) {
+    PipeThread pipe;
+    pipe.path = telemetryFifo();
+    pipe.creationLabel = "Redfish Telemetry service ";
+    pipe.label = "Redfish Telemetry service";
+    pipe.waitName = "TELEMETRYFIFO";
+    pipe.pipeName = "TELEMETRYFIFO";
+    pipe.openFailedLevel = kLogError;
+    pipe.buffer = state.readBuffer;
+    pipe.readSize = kTelemetryReadSize;
+    pipe.noWriterPause = 1;
+    pipe.readPause = 0;
+    pipe.beforeOpen = registerForReportTriggers;
+    pipe.handleRead = [&state](char*, ssize_t count) { handleTelemetryRead(state, count); };
+    return pipe;
+}
+
 } // namespace rfevent
 
-void* TelemetryServiceNotifyWaitThread(void* unused) {
+void* TelemetryServiceNotifyWaitThread(void* runFlag) {
     using namespace rfevent;
-    (void)unused;
     // Lives as long as the thread, that is as long as the process.
-    TelemetryPipeState* state = nullptr;
-    try {
-        state = new TelemetryPipeState();
-    } catch (...) {
+    auto* state = new (std::nothrow) TelemetryPipeState();
+    if (state == nullptr) {
         RF_LOG(kLogError, "[%s():%d]Telemetry notify thread has no buffers");
         parkForever();
     }
     RF_LOG(kLogInfo, "[%s():%d]TelemetryService notify thread start");
     RF_LOG(kLogInfo, "[%s():%d]In funtion \nthread id = %lu\n",
            static_cast<unsigned long>(pthread_self()));
-    for (;;) {
-        if (!flagClear()) {
-            parkForever();
-        }
-        int fd = -1;
-        TelemetryPassStart start = TelemetryPassStart::PipeFailed;
-        try {
-            start = openTelemetryPipe(&fd);
-        } catch (const std::exception& error) {
-            RF_LOG(kLogError, "[%s():%d]Telemetry pipe pass dropped: %s", error.what());
-        }
-        if (start == TelemetryPassStart::RegisterFailed) {
-            sleep(1);
-            continue;
-        }
-        if (start == TelemetryPassStart::Opened) {
-            readUntilError(*state, fd);
-            close(fd);
-        }
-        if (flagClear()) {
-            sleep(1);
-        }
-    }
+    runPipeThread(telemetryPipe(*state), static_cast<const RunFlag*>(runFlag));
+    parkForever();
 }

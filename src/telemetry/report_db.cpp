@@ -4,8 +4,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "platform/log.h"
-#include "platform/paths.h"
+#include "base/log.h"
+#include "base/paths.h"
 
 using rfevent::kLogDebug;
 using rfevent::kLogError;

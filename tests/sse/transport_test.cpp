@@ -14,10 +14,10 @@
 #include <thread>
 #include <vector>
 
+#include "base/paths.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
-#include "platform/paths.h"
 #include "sse/transport.h"
 
 namespace {

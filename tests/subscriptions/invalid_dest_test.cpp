@@ -267,7 +267,7 @@ TEST_F(InvalidDestTest, AnErrorDropsOnlyItsOwnRecord) {
     EXPECT_EQ(queuedRecordCount(), 0u);
     EXPECT_EQ(bodiesAt(*server, "/fine").size(), 1u);
     EXPECT_TRUE(bodiesAt(*server, "/broken").empty());
-    EXPECT_TRUE(log.contains(2, "Dropping this unit of work")) << log.dump();
+    EXPECT_TRUE(log.contains(2, "Re-send dropped")) << log.dump();
 }
 
 TEST_F(InvalidDestTest, AnErrorDropsOnlyItsOwnProbe) {
@@ -281,7 +281,7 @@ TEST_F(InvalidDestTest, AnErrorDropsOnlyItsOwnProbe) {
     writeSubscriptionStore(store);
     LogCapture log;
     EXPECT_FALSE(probeInvalidDestinationsOnce());
-    EXPECT_TRUE(log.contains(2, "Dropping this unit of work"));
+    EXPECT_TRUE(log.contains(2, "Probe dropped"));
     Json::Value after = readSubscriptionStore();
     EXPECT_TRUE(after["a"].isMember("InvalidDestination"));
     EXPECT_FALSE(after["b"].isMember("InvalidDestination"));

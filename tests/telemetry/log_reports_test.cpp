@@ -15,10 +15,10 @@
 #include <string>
 #include <thread>
 
+#include "base/paths.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
-#include "platform/paths.h"
 #include "telemetry/push_subscriber.h"
 
 namespace {

@@ -1,6 +1,7 @@
 // The telemetry pipe reader: real FIFO, byte patterns as the telemetry service writes them,
 // recorded lookups and commands.
 #include "telemetry/notify_thread.h"
+#include "telemetry/notify_thread_internal.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -20,10 +21,10 @@
 #include <thread>
 #include <vector>
 
+#include "base/paths.h"
 #include "frame/lifecycle.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
-#include "platform/paths.h"
 #include "telemetry/report_db.h"
 
 namespace {
@@ -96,7 +97,8 @@ class NotifyParserTest : public ::testing::Test {
         ASSERT_EQ(0, mkfifo(fifoPath().c_str(), 0660));
         writer_ = open(fifoPath().c_str(), O_RDWR);
         ASSERT_GE(writer_, 0);
-        ASSERT_EQ(rfevent::TelemetryPassStart::Opened, rfevent::openTelemetryPipe(&reader_));
+        reader_ = rfevent::openPipe(rfevent::telemetryPipe(*state_)).release();
+        ASSERT_GE(reader_, 0);
     }
     void TearDown() override {
         close(reader_);
@@ -109,7 +111,7 @@ class NotifyParserTest : public ::testing::Test {
     void deliver(const std::string& bytes) {
         ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(writer_, bytes.data(), bytes.size()));
         ASSERT_EQ(static_cast<ssize_t>(bytes.size()),
-                  rfevent::readTelemetryPipeOnce(*state_, reader_));
+                  rfevent::readPipeOnce(rfevent::telemetryPipe(*state_), reader_));
     }
 
     std::vector<std::string> events() { return recorder_.snapshot(); }
@@ -246,7 +248,8 @@ TEST_F(NotifyParserTest, ParseDrivenDirectly) {
 
 TEST_F(NotifyParserTest, EveryPassRegistersThePipeWithId43) {
     close(reader_);
-    ASSERT_EQ(rfevent::TelemetryPassStart::Opened, rfevent::openTelemetryPipe(&reader_));
+    reader_ = rfevent::openPipe(rfevent::telemetryPipe(*state_)).release();
+    ASSERT_GE(reader_, 0);
     std::string registrations = rfevent::testkit::readFile(
         rfevent::testkit::rooted("/var/lib/rfevent/report-triggers.log"));
     std::string line = fifoPath() + " 43\n";
@@ -314,7 +317,8 @@ bool waitFor(const std::function<bool()>& condition) {
 
 void startThread() {
     pthread_t thread;
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, TelemetryServiceNotifyWaitThread, nullptr));
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, TelemetryServiceNotifyWaitThread,
+                                &rfevent::g_telemetryNotifyFlag));
     pthread_detach(thread);
 }
 

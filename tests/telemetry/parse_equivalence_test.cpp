@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "harness/sandbox.h"
-#include "telemetry/notify_thread.h"
+#include "telemetry/notify_thread_internal.h"
 
 namespace {
 

@@ -12,9 +12,9 @@
 #include <thread>
 #include <vector>
 
+#include "base/paths.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
-#include "platform/paths.h"
 
 namespace {
 

@@ -1,5 +1,6 @@
 // The test report pipe: whole reads delivered as report texts.
 #include "telemetry/test_report_thread.h"
+#include "telemetry/test_report_thread_internal.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -13,10 +14,10 @@
 #include <thread>
 #include <vector>
 
+#include "base/paths.h"
 #include "frame/lifecycle.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
-#include "platform/paths.h"
 
 namespace {
 
@@ -53,7 +54,8 @@ std::string fifoPath() {
 // thread has created it; -1 when that fails.
 int startThreadAndOpenPipe() {
     pthread_t thread;
-    if (pthread_create(&thread, nullptr, RedfishTestMetricReportThread, nullptr) != 0) {
+    if (pthread_create(&thread, nullptr, RedfishTestMetricReportThread,
+                       &rfevent::g_testReportFlag) != 0) {
         return -1;
     }
     pthread_detach(thread);
@@ -81,7 +83,7 @@ class TestReportPipeTest : public ::testing::Test {
         ASSERT_EQ(0, mkfifo(fifoPath().c_str(), 0660));
         writer_ = open(fifoPath().c_str(), O_RDWR);
         ASSERT_GE(writer_, 0);
-        reader_ = rfevent::openTestReportPipe();
+        reader_ = rfevent::openPipe(rfevent::testReportPipe(buffer_)).release();
         ASSERT_GE(reader_, 0);
     }
     void TearDown() override {
@@ -102,7 +104,7 @@ TEST_F(TestReportPipeTest, OneReportGoesOnceToEachFanOut) {
     std::string report = reportOfSize(200);
     LogCapture log;
     write(report);
-    EXPECT_EQ(200, rfevent::readTestReportOnce(buffer_, reader_));
+    EXPECT_EQ(200, rfevent::readPipeOnce(rfevent::testReportPipe(buffer_), reader_));
     EXPECT_EQ((std::vector<std::string>{"subscription:" + report, "sse:" + report}), events());
     EXPECT_TRUE(log.containsAny("TestMetricReport to RF size read  200"));
     for (char byte : buffer_) {
@@ -113,8 +115,8 @@ TEST_F(TestReportPipeTest, OneReportGoesOnceToEachFanOut) {
 TEST_F(TestReportPipeTest, LongWriteIsDeliveredInReadSizedPieces) {
     std::string report = reportOfSize(1500);
     write(report);
-    EXPECT_EQ(1023, rfevent::readTestReportOnce(buffer_, reader_));
-    EXPECT_EQ(477, rfevent::readTestReportOnce(buffer_, reader_));
+    EXPECT_EQ(1023, rfevent::readPipeOnce(rfevent::testReportPipe(buffer_), reader_));
+    EXPECT_EQ(477, rfevent::readPipeOnce(rfevent::testReportPipe(buffer_), reader_));
     EXPECT_EQ((std::vector<std::string>{
                   "subscription:" + report.substr(0, 1023), "sse:" + report.substr(0, 1023),
                   "subscription:" + report.substr(1023), "sse:" + report.substr(1023)}),
@@ -125,9 +127,9 @@ TEST_F(TestReportPipeTest, FailingDeliveryDropsOnlyThatReport) {
     g_throwOnce = true;
     LogCapture log;
     write("first");
-    EXPECT_EQ(5, rfevent::readTestReportOnce(buffer_, reader_));
+    EXPECT_EQ(5, rfevent::readPipeOnce(rfevent::testReportPipe(buffer_), reader_));
     write("second");
-    EXPECT_EQ(6, rfevent::readTestReportOnce(buffer_, reader_));
+    EXPECT_EQ(6, rfevent::readPipeOnce(rfevent::testReportPipe(buffer_), reader_));
     EXPECT_EQ((std::vector<std::string>{"subscription:second", "sse:second"}), events());
     EXPECT_TRUE(log.contains(2, "subscription store broke"));
 }
@@ -136,7 +138,7 @@ TEST(TestReportThread, FlagSetBeforeTheFirstPassEndsAtOnce) {
     rfevent::testkit::resetSandbox();
     rfevent::g_testReportFlag.store(1);
     LogCapture log;
-    EXPECT_EQ(nullptr, RedfishTestMetricReportThread(nullptr));
+    EXPECT_EQ(nullptr, RedfishTestMetricReportThread(&rfevent::g_testReportFlag));
     EXPECT_TRUE(log.contains(5, "Redfish Test report notify thread start"));
     EXPECT_TRUE(log.contains(5, "Report notify thread end"));
     struct stat info;

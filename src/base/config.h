@@ -1,6 +1,6 @@
 // Controller settings read from the configuration manager, anew on every call.
-#ifndef RFEVENT_FRAME_CONFIG_H
-#define RFEVENT_FRAME_CONFIG_H
+#ifndef RFEVENT_BASE_CONFIG_H
+#define RFEVENT_BASE_CONFIG_H
 
 #include <cstdint>
 #include <string>

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "frame/config.h"
+#include "base/config.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 

@@ -18,12 +18,13 @@
 
 #include <json/json.h>
 
+#include "base/paths.h"
 #include "frame/lifecycle.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
-#include "platform/paths.h"
-#include "sse/replay.h"
+#include "telemetry/replay.h"
+#include "telemetry/replay_internal.h"
 #include "telemetry/report_db.h"
 
 // Present once the telemetry database lookup is linked in.
@@ -278,7 +279,8 @@ TEST_F(SseReplayTest, OnePassDropsARequestThatRaisesAndGoesOn) {
 TEST_F(SseReplayTest, LoopDoesNothingWhileTheFlagIsRaised) {
     rfevent::g_sseInfraFlag.store(1);
     LogCapture log;
-    sseInfraNotifyLoop();
+    char buffer[kSseInfraBufferSize] = {};
+    rfevent::runPipeThread(sseInfraPipe(buffer), &rfevent::g_sseInfraFlag);
     EXPECT_FALSE(rfevent::testkit::fileExists(fixedPath(FixedPath::SseInfraFifo)));
     EXPECT_EQ(log.countAny("FIFO CREATION"), 0);
 }
@@ -293,7 +295,7 @@ TEST_F(SseReplayTest, ThreadBodyServesTheFifoAndPollsWhenIdle) {
     ASSERT_GE(child, 0);
     if (child == 0) {
         rfevent::g_sseInfraFlag.store(0);
-        RedfishSSEInfraNotifyThread(nullptr);
+        RedfishSSEInfraNotifyThread(&rfevent::g_sseInfraFlag);
         _exit(0);
     }
     SseReceiver live({"", SseReceiver::portFromEnvironment()});

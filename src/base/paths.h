@@ -1,8 +1,8 @@
 // The plug-in's fixed paths and the SSE port. For development and tests the environment
 // variable RFEVENT_ROOT relocates every fixed path under that folder, and RFEVENT_SSE_PORT
 // replaces the SSE port; both are read once, the first time a path is needed.
-#ifndef RFEVENT_PLATFORM_PATHS_H
-#define RFEVENT_PLATFORM_PATHS_H
+#ifndef RFEVENT_BASE_PATHS_H
+#define RFEVENT_BASE_PATHS_H
 
 namespace rfevent {
 
@@ -35,4 +35,4 @@ const char* sseService();
 
 } // namespace rfevent
 
-#endif // RFEVENT_PLATFORM_PATHS_H
+#endif // RFEVENT_BASE_PATHS_H

@@ -1,9 +1,12 @@
 // RF_Json_Reader and the two routing fields of a metric report.
 #include <gtest/gtest.h>
 
+#include "base/json.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
-#include "telemetry/json_reader.h"
+
+using rfevent::getMetricReportDefinition;
+using rfevent::getReportSequence;
 
 using namespace rfevent::testkit;
 

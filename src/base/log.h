@@ -1,8 +1,10 @@
 // Logging through the platform logger, module 139.
 //   RF_LOG(level, "[%s():%d]text %d", value)  -- __func__ and __LINE__ fill the leading pair
+//   RF_LOG_AT(spot, level, ...)                -- the same for a caller's spot (RF_HERE), so
+//                                                 shared code logs under its caller's name
 //   RF_ENTER() / RF_EXIT()                     -- "[%s:%d]Entering %s Function" and "Exiting"
-#ifndef RFEVENT_PLATFORM_LOG_H
-#define RFEVENT_PLATFORM_LOG_H
+#ifndef RFEVENT_BASE_LOG_H
+#define RFEVENT_BASE_LOG_H
 
 #include "platform/platform.h"
 
@@ -24,7 +26,19 @@ constexpr const char* sourceBaseName(const char* path) {
     return base;
 }
 
+// Where a log line is said to come from: a function name and a line.
+struct SourceSpot {
+    const char* function;
+    int line;
+};
+
 } // namespace rfevent
+
+#define RF_HERE (::rfevent::SourceSpot{__func__, __LINE__})
+
+#define RF_LOG_AT(spot, level, format, ...)                                                        \
+    ::orvaprintf((level), ::rfevent::kLogModule, format, (spot).function, (spot).line,             \
+                 ##__VA_ARGS__)
 
 #define RF_LOG(level, format, ...)                                                                 \
     ::orvaprintf((level), ::rfevent::kLogModule, format, __func__, __LINE__, ##__VA_ARGS__)
@@ -37,4 +51,4 @@ constexpr const char* sourceBaseName(const char* path) {
     ::orvaprintf(::rfevent::kLogDebug, ::rfevent::kLogModule, "[%s:%d]Exiting %s Function",        \
                  ::rfevent::sourceBaseName(__FILE__), __LINE__, __func__)
 
-#endif // RFEVENT_PLATFORM_LOG_H
+#endif // RFEVENT_BASE_LOG_H

@@ -1,10 +1,10 @@
-#include "frame/config.h"
+#include "base/config.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/log.h"
+#include "base/log.h"
 
 using rfevent::kLogDebug;
 using rfevent::kLogError;

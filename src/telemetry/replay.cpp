@@ -1,4 +1,5 @@
-#include "sse/replay.h"
+#include "telemetry/replay.h"
+#include "telemetry/replay_internal.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -14,14 +15,18 @@
 #include <list>
 #include <memory>
 
-#include "frame/lifecycle.h"
-#include "platform/log.h"
-#include "platform/paths.h"
+#include "base/file.h"
+#include "base/guard.h"
+#include "base/json.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/pipe_thread.h"
+#include "base/run_flags.h"
 #include "sse/filter.h"
 #include "sse/transport.h"
-#include "telemetry/json_reader.h"
 #include "telemetry/report_db.h"
 
+using rfevent::getReportSequence;
 using rfevent::kLogDebug;
 using rfevent::kLogError;
 using rfevent::kLogInfo;
@@ -29,7 +34,9 @@ using rfevent::kLogInfo;
 namespace {
 
 constexpr unsigned kPacingSeconds = 2;
-constexpr unsigned kRetrySeconds = 1;
+
+const rfevent::WholeFileTexts kStoredReportRead = {
+    "File operation ftell failed in local export function ", true};
 
 // The name a filter text asks for: after its last "/", without any "'" or ")".
 std::string reportNameOf(const std::string& filter) {
@@ -63,32 +70,6 @@ char* lookUpReport(const std::string& name) {
     return execute_report_views(name.c_str());
 }
 
-// One pass of the FIFO cycle: create, open, read until the read fails, close.
-void sseInfraFifoPass(const char* path, char* buffer) {
-    RF_LOG(kLogInfo, "[%s():%d]Redfish SSE infra  FIFO CREATION");
-    int status = mkfifo(path, 0660);
-    int error = errno;
-    RF_LOG(kLogInfo, "[%s():%d]Redfish SSE infra FIFO  status = %d , errno = %d  %s", status, error,
-           strerror(error));
-    if (status != 0 && error != EEXIST) {
-        return;
-    }
-    RF_LOG(kLogInfo, "[%s():%d]Redfish SSE infra FIFO created");
-    RF_LOG(kLogInfo, "[%s():%d]waiting on TELEMETRYFIFO  %s", path);
-    int fd = open(path, O_RDONLY);
-    RF_LOG(kLogInfo, "[%s():%d]SSEINFRAFIFO Opened %s", path);
-    if (fd < 0) {
-        RF_LOG(kLogInfo, "[%s():%d]Named pipe open failed");
-        return;
-    }
-    ssize_t count;
-    while ((count = read(fd, buffer, kSseInfraReadSize)) >= 0) {
-        sseInfraHandleRead(buffer, count);
-        sleep(kPacingSeconds);
-    }
-    close(fd);
-}
-
 } // namespace
 
 void sseInfraHandleRead(char* buffer, ssize_t count) {
@@ -96,42 +77,33 @@ void sseInfraHandleRead(char* buffer, ssize_t count) {
     buffer[kSseInfraBufferSize - 1] = '\0';
     if (count > 0) {
         RF_LOG(kLogInfo, "[%s():%d]SSEInfra to RF %s, %d\n", buffer, static_cast<int>(count));
-        try {
-            process_last_event_id(buffer);
-        } catch (const std::exception& e) {
-            RF_LOG(kLogError, "[%s():%d]Replay request dropped: %s", e.what());
-        } catch (...) {
-            RF_LOG(kLogError, "[%s():%d]Replay request dropped");
-        }
+        rfevent::guarded(RF_HERE, "Replay request dropped", [&] { process_last_event_id(buffer); });
     }
     std::memset(buffer, 0, kSseInfraBufferSize);
 }
 
-void sseInfraNotifyLoop() {
-    char buffer[kSseInfraBufferSize] = {};
-    const char* path = rfevent::fixedPath(rfevent::FixedPath::SseInfraFifo);
-    while (rfevent::g_sseInfraFlag.load(std::memory_order_relaxed) == 0) {
-        sseInfraFifoPass(path, buffer);
-        if (rfevent::g_sseInfraFlag.load(std::memory_order_relaxed) == 0) {
-            sleep(kRetrySeconds);
-        }
-    }
+rfevent::PipeThread sseInfraPipe(char* buffer) {
+    rfevent::PipeThread pipe;
+    pipe.path = rfevent::fixedPath(rfevent::FixedPath::SseInfraFifo);
+    pipe.creationLabel = "Redfish SSE infra ";
+    pipe.label = "Redfish SSE infra";
+    pipe.waitName = "TELEMETRYFIFO";
+    pipe.pipeName = "SSEINFRAFIFO";
+    pipe.openFailedLevel = kLogInfo;
+    pipe.buffer = buffer;
+    pipe.readSize = kSseInfraReadSize;
+    pipe.noWriterPause = 0;
+    pipe.readPause = kPacingSeconds;
+    pipe.handleRead = sseInfraHandleRead;
+    return pipe;
 }
 
-void* RedfishSSEInfraNotifyThread(void* unused) {
-    (void)unused;
+void* RedfishSSEInfraNotifyThread(void* runFlag) {
     RF_LOG(kLogInfo, "[%s():%d]SSE Infra notify thread start");
-    try {
-        sseInfraNotifyLoop();
-    } catch (const std::exception& e) {
-        RF_LOG(kLogError, "[%s():%d]SSE Infra notify loop stopped: %s", e.what());
-    } catch (...) {
-        RF_LOG(kLogError, "[%s():%d]SSE Infra notify loop stopped");
-    }
+    char buffer[kSseInfraBufferSize] = {};
+    rfevent::runPipeThread(sseInfraPipe(buffer), static_cast<const rfevent::RunFlag*>(runFlag));
     // The thread lives as long as the process, even once its flag is raised.
-    for (;;) {
-        sleep(3600);
-    }
+    rfevent::parkForever();
 }
 
 void process_last_event_id(const char* request) {
@@ -166,8 +138,7 @@ void process_last_event_id(const char* request) {
     RF_LOG(kLogDebug, "[%s():%d]SSE Filter size:%d\n", static_cast<int>(message.size()));
     if (message.size() <= static_cast<std::size_t>(kSsePieceSize)) {
         // A short replay carries only the end marker for the client's key.
-        const std::size_t at = message.find("<id:");
-        send_to_sock_sse((message.substr(0, at) + "<END>").c_str());
+        send_to_sock_sse((messagePrefix(message) + "<END>").c_str());
     } else {
         sse_chunk_send(message.c_str());
     }
@@ -193,40 +164,16 @@ char* sendLastLogToSSE(std::string name) {
         return nullptr;
     }
     RF_LOG(kLogInfo, "[%s():%d]seriallog json file exists");
-    FILE* file = std::fopen(path.c_str(), "r");
-    if (file == nullptr || std::fseek(file, 0, SEEK_END) != 0) {
+    rfevent::UniqueFile file = rfevent::openForReading(path.c_str());
+    if (file == nullptr) {
         RF_LOG(kLogError, "[%s():%d]File operation seek failed in local export function ");
-        if (file != nullptr) {
-            std::fclose(file);
-        }
         return nullptr;
     }
-    long size = std::ftell(file);
-    RF_LOG(kLogInfo, "[%s():%d]lSize :%ld", size);
-    if (size == -1) {
-        RF_LOG(kLogError, "[%s():%d]File operation ftell failed in local export function ");
-        std::fclose(file);
-        return nullptr;
-    }
-    if (std::fseek(file, 0, SEEK_SET) != 0) {
-        RF_LOG(kLogError, "[%s():%d]File operation seek failed in local export function ");
-        std::fclose(file);
-        return nullptr;
-    }
-    char* buffer = static_cast<char*>(std::calloc(static_cast<std::size_t>(size) + 1, 1));
+    long size = 0;
+    char* buffer = rfevent::readWholeFile(file.get(), &size, RF_HERE, kStoredReportRead);
     if (buffer == nullptr) {
-        RF_LOG(kLogError, "[%s():%d]File memory allocation failed in local export function ");
-        std::fclose(file);
         return nullptr;
     }
-    if (std::fread(buffer, 1, static_cast<std::size_t>(size), file) !=
-        static_cast<std::size_t>(size)) {
-        RF_LOG(kLogError, "[%s():%d]File could not be read in local export function ");
-        std::free(buffer);
-        std::fclose(file);
-        return nullptr;
-    }
-    std::fclose(file);
     RF_EXIT();
     return buffer;
 }

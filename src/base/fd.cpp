@@ -1,0 +1,49 @@
+#include "base/fd.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+namespace rfevent {
+
+UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
+    if (this != &other) {
+        reset(other.release());
+    }
+    return *this;
+}
+
+int UniqueFd::release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+}
+
+void UniqueFd::reset(int fd) {
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+    fd_ = fd;
+}
+
+ssize_t writeOnce(int fd, const void* data, std::size_t length) {
+    ssize_t written = 0;
+    do {
+        written = ::write(fd, data, length);
+    } while (written < 0 && errno == EINTR);
+    return written;
+}
+
+bool writeAll(int fd, const void* data, std::size_t length) {
+    const char* next = static_cast<const char*>(data);
+    while (length > 0) {
+        ssize_t written = writeOnce(fd, next, length);
+        if (written < 0) {
+            return false;
+        }
+        next += written;
+        length -= static_cast<std::size_t>(written);
+    }
+    return true;
+}
+
+} // namespace rfevent

@@ -1,0 +1,42 @@
+// Owned descriptors and the writes every channel shares.
+#ifndef RFEVENT_BASE_FD_H
+#define RFEVENT_BASE_FD_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+
+namespace rfevent {
+
+// A descriptor closed when its owner goes away. Every descriptor the plug-in opens is opened
+// with close-on-exec, so a host that starts programs does not leak them.
+class UniqueFd {
+  public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
+    UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept;
+    ~UniqueFd() { reset(); }
+
+    int get() const { return fd_; }
+    bool valid() const { return fd_ >= 0; }
+    int release();
+    void reset(int fd = -1);
+
+  private:
+    int fd_ = -1;
+};
+
+// One write() of the whole buffer, repeated only when a signal interrupted it before anything
+// was written. The result is write()'s.
+ssize_t writeOnce(int fd, const void* data, std::size_t length);
+
+// Writes the whole buffer, continuing after short writes and interruptions; false on an error
+// (errno tells which).
+bool writeAll(int fd, const void* data, std::size_t length);
+
+} // namespace rfevent
+
+#endif

@@ -1,0 +1,158 @@
+#include "base/json.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <exception>
+#include <memory>
+
+#include "base/fd.h"
+
+namespace rfevent {
+namespace {
+
+// The whole content of path; false when it cannot be opened or read.
+bool readFileText(const char* path, std::string& text) {
+    UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) {
+        return false;
+    }
+    char chunk[4096];
+    for (;;) {
+        ssize_t count = ::read(fd.get(), chunk, sizeof chunk);
+        if (count == 0) {
+            return true;
+        }
+        if (count < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        text.append(chunk, static_cast<std::size_t>(count));
+    }
+}
+
+// Parses report text; a report whose top level is not an object has no fields.
+bool parseReport(const char* report, Json::Value& root) {
+    RF_Json_Reader reader;
+    return reader.parse(std::string(report), root) && root.isObject();
+}
+
+} // namespace
+
+bool loadJsonObject(SourceSpot spot, const char* path, const JsonFileTexts& texts,
+                    Json::Value& root) {
+    std::string text;
+    if (::access(path, F_OK) != 0) {
+        RF_LOG_AT(spot, texts.missingLevel, "[%s():%d]%s", texts.missing);
+        return false;
+    }
+    if (texts.present != nullptr) {
+        RF_LOG_AT(spot, kLogDebug, "[%s():%d]%s", texts.present);
+    }
+    RF_Json_Reader reader;
+    if (!readFileText(path, text) || !reader.parse(std::move(text), root)) {
+        RF_LOG_AT(spot, kLogError, "[%s():%d]%s", texts.unparsable);
+        return false;
+    }
+    if (texts.parsed != nullptr) {
+        RF_LOG_AT(spot, kLogDebug, "[%s():%d]%s", texts.parsed);
+    }
+    if (!root.isObject()) {
+        root = Json::Value(Json::objectValue);
+    }
+    return true;
+}
+
+std::string writeCompactJson(const Json::Value& value) {
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    return Json::writeString(writer, value);
+}
+
+std::string getMetricReportDefinition(const char* report) {
+    Json::Value root;
+    if (!parseReport(report, root)) {
+        return "";
+    }
+    if (!root.isMember("MetricReportDefinition")) {
+        std::string name = root["Name"].asString();
+        if (name == "CPURegisters Report") {
+            return "/redfish/v1/TelemetryService/MetricReportDefinitions/CPURegisters";
+        }
+        if (name == "SerialLog Report") {
+            return "/redfish/v1/TelemetryService/MetricReportDefinitions/SerialLog";
+        }
+        RF_LOG(kLogError, "[%s():%d]Could not find MetricReportDefinition Object in event\n");
+        return "";
+    }
+    RF_LOG(kLogInfo, "[%s():%d]found MetricReportDefinition in event\n");
+    const Json::Value& definition = root["MetricReportDefinition"];
+    if (definition.isMember("@odata.id")) {
+        RF_LOG(kLogError, "[%s():%d]foud MetricReportDefinition OdataId in event\n");
+        const Json::Value& id = definition["@odata.id"];
+        if (id.isString()) {
+            RF_LOG(kLogInfo, "[%s():%d]OdataId = %s\n", id.asCString());
+            return id.asString();
+        }
+    }
+    return "";
+}
+
+std::string getReportSequence(const char* report) {
+    Json::Value root;
+    if (!parseReport(report, root)) {
+        RF_LOG(kLogError, "[%s():%d]Could not find ReportSequence in event\n");
+        return "";
+    }
+    if (root.isMember("ReportSequence")) {
+        RF_LOG(kLogInfo, "[%s():%d]found ReportSequence in Metric Report\n");
+        return root["ReportSequence"].asString();
+    }
+    return "";
+}
+
+} // namespace rfevent
+
+RF_Json_Reader::RF_Json_Reader() = default;
+RF_Json_Reader::~RF_Json_Reader() = default;
+
+// Both forms report every failure of the library, too deep nesting included, as a failed
+// parse: nothing thrown by the library reaches the caller.
+bool RF_Json_Reader::parse(std::string text, Json::Value& root, bool collectComments) {
+    (void)collectComments;
+    RF_ENTER();
+    Json::CharReaderBuilder builder;
+    std::string errors;
+    bool ok = false;
+    try {
+        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        ok = reader->parse(text.data(), text.data() + text.size(), &root, &errors);
+    } catch (const std::exception& error) {
+        errors = error.what();
+    }
+    if (!errors.empty()) {
+        RF_LOG(rfevent::kLogError, "[%s():%d]Errors found : %s", errors.c_str());
+    }
+    RF_EXIT();
+    return ok;
+}
+
+bool RF_Json_Reader::parse(std::ifstream& in, Json::Value& root, bool collectComments) {
+    (void)collectComments;
+    RF_ENTER();
+    Json::CharReaderBuilder builder;
+    std::string errors;
+    bool ok = false;
+    try {
+        ok = Json::parseFromStream(builder, in, &root, &errors);
+    } catch (const std::exception& error) {
+        errors = error.what();
+    }
+    if (!errors.empty()) {
+        RF_LOG(rfevent::kLogError, "[%s():%d]Errors found : %s", errors.c_str());
+    }
+    RF_EXIT();
+    return ok;
+}

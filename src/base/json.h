@@ -1,0 +1,40 @@
+// JSON in the whole plug-in: the reader (RF_Json_Reader, public), loading a JSON file, the
+// compact writer of every document sent, and the two routing fields of a metric report.
+#ifndef RFEVENT_BASE_JSON_H
+#define RFEVENT_BASE_JSON_H
+
+#include <string>
+
+#include <json/json.h>
+
+#include "base/log.h"
+#include "rfevent/redfish_event.h"
+
+namespace rfevent {
+
+// The log lines of one kind of JSON file, each without its "[%s():%d]" head; null = no line.
+struct JsonFileTexts {
+    int missingLevel;
+    const char* missing;    // the file does not exist
+    const char* present;    // it does (level 4)
+    const char* unparsable; // it does not parse (level 2)
+    const char* parsed;     // it parsed (level 4)
+};
+
+// Loads the JSON document in path into root, logging under the caller's spot. False when the
+// file is absent or does not parse. A document whose top level is not an object has no
+// members: it loads as an empty object.
+bool loadJsonObject(SourceSpot spot, const char* path, const JsonFileTexts& texts,
+                    Json::Value& root);
+
+// Compact JSON (no indentation), members in the library's ascending order.
+std::string writeCompactJson(const Json::Value& value);
+
+// The URI of the report's definition, or "" (report must not be null).
+std::string getMetricReportDefinition(const char* report);
+// The report's "ReportSequence" as text, or "" (report must not be null).
+std::string getReportSequence(const char* report);
+
+} // namespace rfevent
+
+#endif

@@ -1,0 +1,95 @@
+#include "base/pipe_thread.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "base/guard.h"
+#include "base/log.h"
+
+namespace rfevent {
+namespace {
+
+bool isNamedPipe(int fd) {
+    struct stat info;
+    return ::fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode);
+}
+
+} // namespace
+
+UniqueFd openPipe(const PipeThread& pipe) {
+    RF_LOG(kLogInfo, "[%s():%d]%s FIFO CREATION", pipe.creationLabel);
+    int status = ::mkfifo(pipe.path, 0660);
+    int error = errno;
+    RF_LOG(kLogInfo, "[%s():%d]%s FIFO  status = %d , errno = %d  %s", pipe.label, status, error,
+           std::strerror(error));
+    if (status != 0 && error != EEXIST) {
+        return UniqueFd();
+    }
+    if (pipe.beforeOpen && !pipe.beforeOpen()) {
+        return UniqueFd();
+    }
+    RF_LOG(kLogInfo, "[%s():%d]%s FIFO created", pipe.label);
+    RF_LOG(kLogInfo, "[%s():%d]waiting on %s  %s", pipe.waitName, pipe.path);
+    UniqueFd fd(::open(pipe.path, O_RDONLY | O_CLOEXEC));
+    RF_LOG(kLogInfo, "[%s():%d]%s Opened %s", pipe.pipeName, pipe.path);
+    if (!fd.valid()) {
+        RF_LOG(pipe.openFailedLevel, "[%s():%d]Named pipe open failed");
+        return fd;
+    }
+    if (!isNamedPipe(fd.get())) {
+        RF_LOG(kLogError, "[%s():%d]%s is not a named pipe; looking again on the next pass",
+               pipe.path);
+        fd.reset();
+    }
+    return fd;
+}
+
+ssize_t readPipeOnce(const PipeThread& pipe, int fd) {
+    ssize_t count = ::read(fd, pipe.buffer, pipe.readSize);
+    if (count >= 0) {
+        guarded(RF_HERE, "Pipe read dropped", [&] { pipe.handleRead(pipe.buffer, count); });
+    }
+    return count;
+}
+
+void readPipe(const PipeThread& pipe, int fd) {
+    for (;;) {
+        ssize_t count = readPipeOnce(pipe, fd);
+        if (count < 0) {
+            return;
+        }
+        if (count == 0 && pipe.noWriterPause > 0) {
+            ::sleep(pipe.noWriterPause);
+        }
+        if (pipe.readPause > 0) {
+            ::sleep(pipe.readPause);
+        }
+    }
+}
+
+void runPipeThread(const PipeThread& pipe, const RunFlag* flag) {
+    while (keepRunning(flag)) {
+        guarded(RF_HERE, "Pipe pass dropped", [&] {
+            UniqueFd fd = openPipe(pipe);
+            if (fd.valid()) {
+                readPipe(pipe, fd.get());
+            }
+        });
+        if (!keepRunning(flag)) {
+            break;
+        }
+        ::sleep(1);
+    }
+}
+
+void parkForever() {
+    for (;;) {
+        ::sleep(3600);
+    }
+}
+
+} // namespace rfevent

@@ -1,0 +1,7 @@
+#include "base/run_flags.h"
+
+namespace rfevent {
+
+std::atomic<bool> g_workersStarted{false};
+
+} // namespace rfevent

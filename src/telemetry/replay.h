@@ -1,0 +1,8 @@
+// Replay of the last report to an SSE client that reconnects with its last event id.
+#ifndef RFEVENT_TELEMETRY_REPLAY_H
+#define RFEVENT_TELEMETRY_REPLAY_H
+
+// Thread body; its argument is the thread's run flag (rfevent::RunFlag*). Never returns.
+void* RedfishSSEInfraNotifyThread(void* runFlag);
+
+#endif
