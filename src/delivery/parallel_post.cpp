@@ -8,8 +8,7 @@
 
 #include "base/config.h"
 #include "base/log.h"
-#include "base/paths.h"
-#include "delivery/http_headers.h"
+#include "delivery/curl_options.h"
 
 using rfevent::kLogDebug;
 using rfevent::kLogError;
@@ -18,140 +17,36 @@ using rfevent::kLogInfo;
 namespace {
 
 // The easy handles and header lists of one pass, one entry per target in vector order. The
-// destructor releases them (and the multi handle first), also when a JSON type error escapes.
+// multi handle, declared last, is released first, without detaching the easy handles.
 struct TransferTables {
-    CURLM* multi = nullptr;
-    CURL* handles[kMaxParallelDestinations] = {};
-    curl_slist* headers[kMaxParallelDestinations] = {};
-    std::size_t used = 0;
-
-    TransferTables() = default;
-    TransferTables(const TransferTables&) = delete;
-    TransferTables& operator=(const TransferTables&) = delete;
-    ~TransferTables() {
-        // The easy handles are released after the multi handle, without detaching them first.
-        if (multi != nullptr) {
-            curl_multi_cleanup(multi);
-        }
-        for (std::size_t i = 0; i < used; ++i) {
-            if (handles[i] != nullptr) {
-                curl_easy_cleanup(handles[i]);
-            }
-            if (headers[i] != nullptr) {
-                curl_slist_free_all(headers[i]);
-            }
-        }
-    }
+    rfevent::CurlEasy handles[kMaxParallelDestinations];
+    rfevent::CurlList headers[kMaxParallelDestinations];
+    rfevent::CurlMulti multi{curl_multi_init()};
 };
-
-// "Expect:", then the subscription's own headers, then the content type.
-curl_slist* buildHeaderList(const Json::Value& subscription) {
-    const std::vector<std::string> lines = rfevent::subscriptionHeaderLines(subscription);
-    curl_slist* list = curl_slist_append(nullptr, "Expect:");
-    for (const std::string& line : lines) {
-        list = curl_slist_append(list, line.c_str());
-    }
-    list = curl_slist_append(list, "Content-Type: application/json");
-    return list;
-}
-
-// The transfer options of one destination, in a fixed order. False when a fatal option
-// failed; the failure is logged here.
-bool setTransferOptions(CURL* curl, const char* uri, long interval, int certificateSwitch,
-                        curl_slist* headers, const char* body) {
-    CURLcode rc = curl_easy_setopt(curl, CURLOPT_URL, uri);
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_URL failed %d\n", rc);
-        return false;
-    }
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    rc = curl_easy_setopt(curl, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTPS));
-#pragma GCC diagnostic pop
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_PROTOCOLS:CURLPROTO_HTTPS failed:%d\n", rc);
-        return false;
-    }
-    rc = curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, interval);
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_CONNECTTIMEOUT: failed:%d", rc);
-        return false;
-    }
-    rc = curl_easy_setopt(curl, CURLOPT_TIMEOUT, interval);
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_TIMEOUT:Set TimeOutValue Failed :%d", rc);
-        return false;
-    }
-    RF_LOG(kLogDebug, "[%s():%d]libcurl CURLOPT_TIMEOUT success");
-    rc = curl_easy_setopt(curl, CURLOPT_POST, 1L);
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_POST:1 failed:%d", rc);
-        return false;
-    }
-    rc = curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_HTTPHEADER failed:%d", rc);
-        return false;
-    }
-    if (certificateSwitch == VERIFY_CERTIFICATES) {
-        const char* caBundle = rfevent::fixedPath(rfevent::FixedPath::ServerCaBundle);
-        RF_LOG(kLogError, "[%s():%d]CURLOPT_CAINFO:%s", caBundle);
-        rc = curl_easy_setopt(curl, CURLOPT_CAINFO, caBundle);
-        if (rc != CURLE_OK) {
-            RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_CAINFO failed:%d", rc);
-            return false;
-        }
-        rc = curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
-        if (rc != CURLE_OK) {
-            RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_SSL_VERIFYPEER failed:%d", rc);
-            return false;
-        }
-        rc = curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
-        if (rc != CURLE_OK) {
-            RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_SSL_VERIFYHOST failed:%d", rc);
-            return false;
-        }
-    } else {
-        // Checking off (also when the setting is missing or invalid): failures are not fatal.
-        rc = curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
-        if (rc != CURLE_OK) {
-            RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_SSL_VERIFYPEER failed:%d", rc);
-        }
-        rc = curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
-        if (rc != CURLE_OK) {
-            RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_SSL_VERIFYHOST failed:%d", rc);
-        }
-    }
-    rc = curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body);
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_POSTFIELDS failed:%d\n", rc);
-        return false;
-    }
-    return true;
-}
 
 // Prepares every transfer and adds it to the multi handle. False when one of them failed:
 // the pass is then abandoned for every destination.
 bool prepareTransfers(TransferTables& tables, const char* body,
-                      std::vector<DeliveryTarget*>& targets, long interval, int certificateSwitch) {
+                      std::vector<DeliveryTarget*>& targets,
+                      const rfevent::PostSettings& settings) {
+    const Json::Value noSubscription;
     for (std::size_t i = 0; i < targets.size(); ++i) {
         const DeliveryTarget* target = targets[i];
         const std::string uri = target->destination != nullptr ? target->destination : "";
         RF_LOG(kLogInfo, "[%s():%d]uri = %s\n", uri.c_str());
-        tables.handles[i] = curl_easy_init();
-        tables.used = i + 1;
+        tables.handles[i].reset(curl_easy_init());
         if (tables.handles[i] == nullptr) {
             RF_LOG(kLogError, "[%s():%d]libcurl initialization failed\n");
             return false;
         }
-        const Json::Value noSubscription;
-        tables.headers[i] = buildHeaderList(target->subscription != nullptr ? *target->subscription
-                                                                            : noSubscription);
-        if (!setTransferOptions(tables.handles[i], uri.c_str(), interval, certificateSwitch,
-                                tables.headers[i], body)) {
+        tables.headers[i] = rfevent::buildHeaderList(
+            target->subscription != nullptr ? *target->subscription : noSubscription,
+            rfevent::kParallelPost);
+        if (!rfevent::setPostOptions(RF_HERE, tables.handles[i].get(), uri.c_str(), body,
+                                     tables.headers[i].get(), settings, rfevent::kParallelPost)) {
             return false;
         }
-        CURLMcode added = curl_multi_add_handle(tables.multi, tables.handles[i]);
+        CURLMcode added = curl_multi_add_handle(tables.multi.get(), tables.handles[i].get());
         if (added != CURLM_OK) {
             RF_LOG(kLogError, "[%s():%d]libcurl curl_multi_perform failed:%d:: %s ", added,
                    curl_multi_strerror(added));
@@ -241,17 +136,15 @@ void collectResults(CURLM* multi, std::vector<DeliveryTarget*>& targets) {
 }
 
 // One pass over at most 30 targets; every handle is released when it returns.
-void runPass(const char* body, std::vector<DeliveryTarget*>& targets, long interval,
-             int certificateSwitch) {
+void runPass(const char* body, std::vector<DeliveryTarget*>& targets,
+             const rfevent::PostSettings& settings) {
     TransferTables tables;
-    tables.multi = curl_multi_init();
     if (tables.multi == nullptr) {
         RF_LOG(kLogError, "[%s():%d]libcurl curl_multi_init failed");
         return;
     }
-    if (prepareTransfers(tables, body, targets, interval, certificateSwitch) &&
-        runTransfers(tables.multi)) {
-        collectResults(tables.multi, targets);
+    if (prepareTransfers(tables, body, targets, settings) && runTransfers(tables.multi.get())) {
+        collectResults(tables.multi.get(), targets);
     }
 }
 
@@ -270,7 +163,7 @@ void sendMultiperform(const char* body, std::vector<DeliveryTarget*>& targets) {
         RF_LOG(kLogError, "[%s():%d]Too many destinations for one pass: %d",
                static_cast<int>(targets.size()));
     } else {
-        runPass(body, targets, interval, certificateSwitch);
+        runPass(body, targets, {interval, certificateSwitch});
     }
     RF_EXIT();
 }

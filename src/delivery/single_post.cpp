@@ -1,6 +1,5 @@
 #include "delivery/single_post.h"
 
-#define CURL_DISABLE_DEPRECATION // CURLOPT_PROTOCOLS takes the protocol bit mask we need
 #include <curl/curl.h>
 #include <unistd.h>
 
@@ -10,8 +9,7 @@
 
 #include "base/config.h"
 #include "base/log.h"
-#include "base/paths.h"
-#include "delivery/http_headers.h"
+#include "delivery/curl_options.h"
 #include "delivery/jxlog.h"
 
 using rfevent::kLogDebug;
@@ -26,123 +24,13 @@ std::mutex& postLock() {
     return lock;
 }
 
-struct HeaderListFree {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
-using HeaderList = std::unique_ptr<curl_slist, HeaderListFree>;
-
-// The easy handle of one call; released on every way out, a thrown exception included.
-struct EasyHandle {
-    CURL* curl = curl_easy_init();
-    EasyHandle() = default;
-    EasyHandle(const EasyHandle&) = delete;
-    EasyHandle& operator=(const EasyHandle&) = delete;
-    ~EasyHandle() {
-        if (curl != nullptr) {
-            RF_LOG(kLogError, "[%s():%d]calling curl_easy_cleanup\n");
-            curl_easy_cleanup(curl);
-        }
+// Releases the call's handle, saying so at level 2 on every call, as operators expect.
+struct LoggedEasyCleanup {
+    void operator()(CURL* curl) const {
+        RF_LOG(kLogError, "[%s():%d]calling curl_easy_cleanup\n");
+        curl_easy_cleanup(curl);
     }
 };
-
-void appendHeader(HeaderList& list, const std::string& line) {
-    curl_slist* longer = curl_slist_append(list.get(), line.c_str());
-    if (longer != nullptr) {
-        (void)list.release();
-        list.reset(longer);
-    }
-}
-
-// The subscription's own headers, then the content type.
-HeaderList buildHeaderList(const Json::Value& subscription) {
-    HeaderList list;
-    for (const std::string& line : rfevent::subscriptionHeaderLines(subscription)) {
-        appendHeader(list, line);
-    }
-    RF_LOG(kLogDebug, "[%s():%d]End Of For Loop");
-    appendHeader(list, "Content-Type: application/json");
-    return list;
-}
-
-// Options 1-8 in their fixed order; false (already logged) when one is refused.
-bool setTransferOptions(CURL* curl, const char* uri, long interval, curl_slist* headers) {
-    CURLcode rc = curl_easy_setopt(curl, CURLOPT_URL, uri);
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_URL failed %d\n", rc);
-        return false;
-    }
-    rc = curl_easy_setopt(curl, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTPS));
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_PROTOCOLS:CURLPROTO_HTTPS failed:%d\n", rc);
-        return false;
-    }
-    rc = curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, interval);
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_CONNECTTIMEOUT: failed:%d", rc);
-        return false;
-    }
-    rc = curl_easy_setopt(curl, CURLOPT_TIMEOUT, interval);
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_TIMEOUT:Set TimeOutValue Failed :%d\n", rc);
-        return false;
-    }
-    rc = curl_easy_setopt(curl, CURLOPT_POST, 1L);
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_POST:1 failed:%d\n", rc);
-        return false;
-    }
-    rc = curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_HTTPHEADER failed:%d", rc);
-        return false;
-    }
-    rc = curl_easy_setopt(curl, CURLOPT_SSLCERT,
-                          rfevent::fixedPath(rfevent::FixedPath::ClientCertificate));
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_SSLCERT  failed:%d", rc);
-        return false;
-    }
-    rc = curl_easy_setopt(curl, CURLOPT_SSLKEY, rfevent::fixedPath(rfevent::FixedPath::ClientKey));
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_SSLKEY failed:%d", rc);
-        return false;
-    }
-    return true;
-}
-
-// Switch 0 verifies the destination against the CA bundle; any other value does not.
-bool setCertificateChecking(CURL* curl, int ignoreSwitch) {
-    if (ignoreSwitch != VERIFY_CERTIFICATES) {
-        CURLcode rc = curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
-        if (rc != CURLE_OK) {
-            RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_SSL_VERIFYPEER failed:%d", rc);
-        }
-        rc = curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
-        if (rc != CURLE_OK) {
-            RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_SSL_VERIFYHOST failed:%d", rc);
-        }
-        return true;
-    }
-    CURLcode rc = curl_easy_setopt(curl, CURLOPT_CAINFO,
-                                   rfevent::fixedPath(rfevent::FixedPath::ServerCaBundle));
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_CAINFO failed:%d", rc);
-        return false;
-    }
-    rc = curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_SSL_VERIFYPEER failed:%d", rc);
-        return false;
-    }
-    rc = curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_SSL_VERIFYHOST failed:%d", rc);
-        return false;
-    }
-    (void)curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
-    (void)curl_easy_setopt(curl, CURLOPT_CERTINFO, 1L);
-    return true;
-}
 
 void logCertificateChain(CURL* curl) {
     curl_certinfo* chain = nullptr;
@@ -192,7 +80,7 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts, int interval, bo
 
 // Steps under the POST lock: set-up, the attempts, clean-up (header list, then handle).
 void postLocked(const char* formData, const char* uri, const Json::Value& subscription,
-                int attempts, int interval, int ignoreSwitch, bool* failed) {
+                int attempts, const rfevent::PostSettings& settings, bool* failed) {
     std::lock_guard<std::mutex> guard(postLock());
     if (formData == nullptr || uri == nullptr) {
         RF_LOG(kLogError, "[%s():%d]formData or URI is NULL:\n");
@@ -200,22 +88,16 @@ void postLocked(const char* formData, const char* uri, const Json::Value& subscr
     }
     RF_LOG(kLogDebug, "[%s():%d]formData:%s\n", formData);
     RF_LOG(kLogDebug, "[%s():%d]uri:%s\n", uri);
-    EasyHandle handle;
-    if (handle.curl == nullptr) {
+    std::unique_ptr<CURL, LoggedEasyCleanup> curl(curl_easy_init());
+    if (curl == nullptr) {
         RF_LOG(kLogError, "[%s():%d]libcurl initialization failed\n");
         return;
     }
-    HeaderList headers = buildHeaderList(subscription);
-    if (!setTransferOptions(handle.curl, uri, interval, headers.get()) ||
-        !setCertificateChecking(handle.curl, ignoreSwitch)) {
-        return;
+    rfevent::CurlList headers = rfevent::buildHeaderList(subscription, rfevent::kSinglePost);
+    if (rfevent::setPostOptions(RF_HERE, curl.get(), uri, formData, headers.get(), settings,
+                                rfevent::kSinglePost)) {
+        attemptDelivery(curl.get(), uri, attempts, static_cast<int>(settings.interval), failed);
     }
-    CURLcode rc = curl_easy_setopt(handle.curl, CURLOPT_POSTFIELDS, formData);
-    if (rc != CURLE_OK) {
-        RF_LOG(kLogError, "[%s():%d]libcurl CURLOPT_POSTFIELDS failed:%d\n", rc);
-        return;
-    }
-    attemptDelivery(handle.curl, uri, attempts, interval, failed);
 }
 
 } // namespace
@@ -229,6 +111,6 @@ void sendHTTPPacketByCURL(const char* formData, const char* uri, const Json::Val
     int ignoreSwitch = getIgnoreCertificateErrors();
     RF_LOG(kLogInfo, "[%s():%d]retryAttempts:%d, retryIntervalSec:%d", attempts, interval);
     RF_LOG(kLogInfo, "[%s():%d]isIgnoreCertificateErrors:%d", ignoreSwitch);
-    postLocked(formData, uri, subscription, attempts, interval, ignoreSwitch, failed);
+    postLocked(formData, uri, subscription, attempts, {interval, ignoreSwitch}, failed);
     RF_EXIT();
 }
