@@ -1,8 +1,8 @@
 #include "frame/alert_entry.h"
 
 #include <cstring>
-#include <exception>
 
+#include "base/guard.h"
 #include "base/log.h"
 #include "events/sse_path.h"
 #include "events/subscriber_path.h"
@@ -22,21 +22,6 @@ bool isRedfishEventingEnabled() {
     return std::strcmp(value, "1") == 0;
 }
 
-namespace {
-
-// Runs one delivery path; an exception ends that path only, never the host's thread.
-template <typename Path> void runGuarded(const char* name, Path path) {
-    try {
-        path();
-    } catch (const std::exception& e) {
-        RF_LOG(rfevent::kLogError, "[%s():%d]%s dropped the alert: %s", name, e.what());
-    } catch (...) {
-        RF_LOG(rfevent::kLogError, "[%s():%d]%s dropped the alert: unknown exception", name);
-    }
-}
-
-} // namespace
-
 extern "C" RFEVENT_API void sendRedFishEventAlert(DataEventHeader* header, void* eventContext) {
     RF_ENTER();
     if (header == nullptr || eventContext == nullptr) {
@@ -44,11 +29,16 @@ extern "C" RFEVENT_API void sendRedFishEventAlert(DataEventHeader* header, void*
         RF_EXIT();
         return;
     }
+    // Each path is a unit of its own: an exception ends that path only, never the host's
+    // thread, and the SSE path still runs after a failed subscriber path.
     bool enabled = false;
-    runGuarded("isRedfishEventingEnabled", [&] { enabled = isRedfishEventingEnabled(); });
+    rfevent::guarded(RF_HERE, "isRedfishEventingEnabled dropped the alert",
+                     [&] { enabled = isRedfishEventingEnabled(); });
     if (enabled) {
-        runGuarded("sendRedFishEvent", [&] { sendRedFishEvent(header, eventContext); });
-        runGuarded("sendRedFishEvent_SSE", [&] { sendRedFishEvent_SSE(header, eventContext); });
+        rfevent::guarded(RF_HERE, "sendRedFishEvent dropped the alert",
+                         [&] { sendRedFishEvent(header, eventContext); });
+        rfevent::guarded(RF_HERE, "sendRedFishEvent_SSE dropped the alert",
+                         [&] { sendRedFishEvent_SSE(header, eventContext); });
     }
     RF_EXIT();
 }

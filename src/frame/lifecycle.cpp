@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 #include <dlfcn.h>
 
+#include "base/guard.h"
 #include "base/log.h"
 #include "rfevent/redfish_event.h"
 #include "subscriptions/invalid_dest.h"
@@ -103,14 +104,12 @@ RFEVENT_API void RedfishEventPluginCleanup(void) {
 }
 
 RFEVENT_API void Redfish_telemetry_init(void) {
-    try {
+    rfevent::guarded(RF_HERE, "worker start aborted", [] {
         rfevent::pinLibraryInMemory();
         rfevent::g_workersStarted.store(true, std::memory_order_relaxed);
         rfevent::startThreadTable(rfevent::g_threadTable, rfevent::g_threadSlots,
                                   rfevent::kThreadCount);
-    } catch (...) {
-        RF_LOG(rfevent::kLogError, "[%s():%d]worker start aborted by an exception");
-    }
+    });
 }
 
 } // extern "C"

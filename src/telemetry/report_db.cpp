@@ -6,6 +6,7 @@
 
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/sqlite.h"
 
 using rfevent::kLogDebug;
 using rfevent::kLogError;
@@ -44,52 +45,53 @@ int intialize_tdb(void) {
     return 0;
 }
 
-char* execute_report_views(const char* reportName) {
-    char* result = nullptr;
-    sqlite3_stmt* statement = nullptr;
+namespace {
 
+// The JSON text of the report at resourcePath on the open connection (caller frees), or null.
+char* lookUp(sqlite3* db, const char* sql, const char* resourcePath) {
+    sqlite3_stmt* prepared = nullptr;
+    int status = sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &prepared, nullptr);
+    rfevent::SqliteStatement statement(prepared);
+    if (status != SQLITE_OK) {
+        RF_LOG(kLogError, "[%s():%d]TDB status: %d, sqlite3_prepare_v3 failure: %s", status,
+               sqlite3_errmsg(db));
+        return nullptr;
+    }
+    status = sqlite3_bind_text(statement.get(), 1, resourcePath, -1, SQLITE_TRANSIENT);
+    if (status != SQLITE_OK) {
+        RF_LOG(kLogError, "[%s():%d]TDB status: %d, sqlite3_bind_text failure: %s", status,
+               sqlite3_errmsg(db));
+        return nullptr;
+    }
+    // The connection's busy time-out paces each step; a busy or locked database is simply
+    // stepped again.
+    status = sqlite3_step(statement.get());
+    while (status == SQLITE_BUSY || status == SQLITE_LOCKED) {
+        RF_LOG(kLogDebug, "[%s():%d]sql step status: %d\n", status);
+        status = sqlite3_step(statement.get());
+    }
+    const unsigned char* text = sqlite3_column_text(statement.get(), 0);
+    return text != nullptr ? strdup(reinterpret_cast<const char*>(text)) : nullptr;
+}
+
+} // namespace
+
+char* execute_report_views(const char* reportName) {
     pthread_mutex_lock(&reportViewMutex);
     char sql[kSqlSize];
     std::snprintf(sql, sizeof sql, "select root from JSON where [@odata.id] = ?");
-    // A failed open shows up as a failed prepare below.
+    // A failed open shows up as a failed prepare. The connection lives for this lookup only.
     (void)intialize_tdb();
+    rfevent::SqliteDb db(g_telemetryDb);
+    g_telemetryDb = nullptr;
 
     RF_LOG(kLogInfo, "[%s():%d]report name  [%s]", reportName);
     char resourcePath[kPathSize];
     std::snprintf(resourcePath, sizeof resourcePath,
                   "/redfish/v1/TelemetryService/MetricReports/%s", reportName);
     RF_LOG(kLogDebug, "[%s():%d]SQL Command: [%s]:[%s]", sql, resourcePath);
-
-    int status =
-        sqlite3_prepare_v3(g_telemetryDb, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
-    if (status != SQLITE_OK) {
-        RF_LOG(kLogError, "[%s():%d]TDB status: %d, sqlite3_prepare_v3 failure: %s", status,
-               sqlite3_errmsg(g_telemetryDb));
-    } else if ((status = sqlite3_bind_text(statement, 1, resourcePath, -1, SQLITE_TRANSIENT)) !=
-               SQLITE_OK) {
-        RF_LOG(kLogError, "[%s():%d]TDB status: %d, sqlite3_bind_text failure: %s", status,
-               sqlite3_errmsg(g_telemetryDb));
-    } else {
-        // The connection's busy time-out paces each step; a busy or locked database is simply
-        // stepped again.
-        status = sqlite3_step(statement);
-        while (status == SQLITE_BUSY || status == SQLITE_LOCKED) {
-            RF_LOG(kLogDebug, "[%s():%d]sql step status: %d\n", status);
-            status = sqlite3_step(statement);
-        }
-        const unsigned char* text = sqlite3_column_text(statement, 0);
-        if (text != nullptr) {
-            result = strdup(reinterpret_cast<const char*>(text));
-        }
-    }
-
-    if (statement != nullptr) {
-        sqlite3_finalize(statement);
-    }
-    if (g_telemetryDb != nullptr) {
-        sqlite3_close(g_telemetryDb);
-        g_telemetryDb = nullptr;
-    }
+    char* result = lookUp(db.get(), sql, resourcePath);
+    db.reset();
     pthread_mutex_unlock(&reportViewMutex);
     return result;
 }
