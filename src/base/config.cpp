@@ -6,9 +6,7 @@
 
 #include "base/log.h"
 
-using rfevent::kLogDebug;
-using rfevent::kLogError;
-using rfevent::kLogInfo;
+namespace rfevent {
 
 namespace {
 
@@ -194,3 +192,5 @@ int GetHostName(std::string& out) {
     RF_EXIT();
     return rc;
 }
+
+} // namespace rfevent

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+namespace rfevent {
+
 // Values of the certificate-checking switch.
 constexpr int IGNORE_CERTIFICATES = 1;
 constexpr int VERIFY_CERTIFICATES = 0;
@@ -23,5 +25,7 @@ int getDeliveryRetryIntervalSeconds();
 int getIgnoreCertificateErrors();
 int stringToIntConversion(const char* inputString);
 int GetHostName(std::string& out);
+
+} // namespace rfevent
 
 #endif

@@ -5,6 +5,7 @@
 #include <string>
 
 namespace rfevent {
+
 namespace {
 
 constexpr std::array<const char*, 17> kFixedPaths = {

@@ -11,6 +11,7 @@
 #include "base/log.h"
 
 namespace rfevent {
+
 namespace {
 
 bool isNamedPipe(int fd) {

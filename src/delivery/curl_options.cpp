@@ -8,6 +8,7 @@
 #include "delivery/http_headers.h"
 
 namespace rfevent {
+
 namespace {
 
 // A failure message around libcurl's code: "<head><code><tail>".

@@ -3,6 +3,7 @@
 #include "base/log.h"
 
 namespace rfevent {
+
 namespace {
 
 bool holdsLineBreak(const std::string& text) {

@@ -6,8 +6,7 @@
 #include "base/config.h"
 #include "base/log.h"
 
-using rfevent::kLogDebug;
-using rfevent::kLogError;
+namespace rfevent {
 
 namespace {
 
@@ -98,3 +97,5 @@ int SubmitJXLog(const char* msgId, int argCount, ...) {
     RF_EXIT();
     return status;
 }
+
+} // namespace rfevent

@@ -10,9 +10,7 @@
 #include "base/log.h"
 #include "delivery/curl_options.h"
 
-using rfevent::kLogDebug;
-using rfevent::kLogError;
-using rfevent::kLogInfo;
+namespace rfevent {
 
 namespace {
 
@@ -184,3 +182,5 @@ void countDeliveryFailure(std::vector<DeliveryTarget*>& targets, const char* url
         }
     }
 }
+
+} // namespace rfevent

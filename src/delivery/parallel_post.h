@@ -6,10 +6,14 @@
 
 #include "delivery/target.h"
 
+namespace rfevent {
+
 // failureCount of each target whose transfer failed goes up by one. At most 30 targets.
 void sendMultiperform(const char* body, std::vector<DeliveryTarget*>& targets);
 
 // Adds one failure to the first target whose destination equals url exactly.
 void countDeliveryFailure(std::vector<DeliveryTarget*>& targets, const char* url);
+
+} // namespace rfevent
 
 #endif

@@ -12,9 +12,7 @@
 #include "delivery/curl_options.h"
 #include "delivery/jxlog.h"
 
-using rfevent::kLogDebug;
-using rfevent::kLogError;
-using rfevent::kLogInfo;
+namespace rfevent {
 
 namespace {
 
@@ -114,3 +112,5 @@ void sendHTTPPacketByCURL(const char* formData, const char* uri, const Json::Val
     postLocked(formData, uri, subscription, attempts, {interval, ignoreSwitch}, failed);
     RF_EXIT();
 }
+
+} // namespace rfevent

@@ -4,9 +4,13 @@
 
 #include <json/json.h>
 
+namespace rfevent {
+
 // POSTs formData to uri with the "HttpHeaders" of subscription. *failed is set to true only
 // when every attempt failed (the "JX083" event-log entry is then written); false otherwise.
 void sendHTTPPacketByCURL(const char* formData, const char* uri, const Json::Value& subscription,
                           bool* failed);
+
+} // namespace rfevent
 
 #endif

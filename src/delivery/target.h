@@ -6,6 +6,8 @@
 
 #include <json/json.h>
 
+namespace rfevent {
+
 // Texts are heap copies released with free(); the records of one delivery are released
 // together by removeFromSubscription.
 struct DeliveryTarget {
@@ -19,5 +21,7 @@ struct DeliveryTarget {
 
 // One parallel pass serves at most this many destinations.
 constexpr int kMaxParallelDestinations = 30;
+
+} // namespace rfevent
 
 #endif

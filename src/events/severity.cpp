@@ -5,8 +5,7 @@
 #include "base/config.h"
 #include "base/log.h"
 
-using rfevent::kLogDebug;
-using rfevent::kLogError;
+namespace rfevent {
 
 const char* GetSeverityString(uint16_t severity) {
     RF_ENTER();
@@ -51,3 +50,5 @@ void GetOrvaEvent(Json::Value& object) {
     object["@odata.type"] = "#OrvaEvent.v1_0_0.OrvaEvent";
     RF_EXIT();
 }
+
+} // namespace rfevent

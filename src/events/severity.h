@@ -6,6 +6,8 @@
 
 #include <json/json.h>
 
+namespace rfevent {
+
 // "Critical", "Warning", "Informational" or "Unknown"; never null.
 const char* GetSeverityString(uint16_t severity);
 // "Critical", "Warning", "OK", or null for an unknown severity.
@@ -13,5 +15,7 @@ const char* GetMessageSeverity(uint16_t severity);
 // Fills object with "ServerHostname" (null when the host name cannot be read) and
 // "@odata.type".
 void GetOrvaEvent(Json::Value& object);
+
+} // namespace rfevent
 
 #endif

@@ -12,8 +12,7 @@
 #include "platform/platform.h"
 #include "sse/transport.h"
 
-using rfevent::kLogDebug;
-using rfevent::kLogError;
+namespace rfevent {
 
 namespace {
 
@@ -52,11 +51,9 @@ void sendFrame(SseAlertCall& call) {
 
 } // namespace
 
-namespace rfevent {
 uint32_t sseEventCount() {
     return sseEventCounter.load(std::memory_order_relaxed);
 }
-} // namespace rfevent
 
 void sendRedFishEvent_SSE(DataEventHeader* header, void* eventContext) {
     (void)eventContext;
@@ -100,3 +97,5 @@ void sendRedFishEvent_SSE(DataEventHeader* header, void* eventContext) {
     }
     RF_EXIT();
 }
+
+} // namespace rfevent

@@ -4,11 +4,13 @@
 
 #include "rfevent/redfish_event.h"
 
+namespace rfevent {
+
 void sendRedFishEvent_SSE(DataEventHeader* header, void* eventContext);
 
-namespace rfevent {
 // Number of the last alert handed to the SSE path (0 before the first one).
 uint32_t sseEventCount();
+
 } // namespace rfevent
 
 #endif

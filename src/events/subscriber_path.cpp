@@ -10,8 +10,7 @@
 #include "platform/platform.h"
 #include "subscriptions/retry_policy.h"
 
-using rfevent::kLogDebug;
-using rfevent::kLogError;
+namespace rfevent {
 
 namespace {
 
@@ -107,16 +106,12 @@ bool serveSubscription(AlertCall& call, const std::string& id, const Json::Value
 
 } // namespace
 
-namespace rfevent {
-
 Json::Value composeSubscriberDocument(const DataEventHeader* header, const std::string& timestamp,
                                       const std::string& id, const Json::Value& subscription) {
     const Json::Value& context = subscription["Context"];
     return eventDocument(id, Json::Value(id), &context,
                          composeAlertEvent(header, timestamp, &context, nullptr));
 }
-
-} // namespace rfevent
 
 void sendRedFishEvent(DataEventHeader* header, void* eventContext) {
     (void)eventContext;
@@ -137,3 +132,5 @@ void sendRedFishEvent(DataEventHeader* header, void* eventContext) {
     }
     RF_EXIT();
 }
+
+} // namespace rfevent

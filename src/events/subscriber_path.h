@@ -8,12 +8,14 @@
 
 #include "rfevent/redfish_event.h"
 
+namespace rfevent {
+
 void sendRedFishEvent(DataEventHeader* header, void* eventContext);
 
-namespace rfevent {
 // The Event document of one alert for one subscription, before its URIs become numeric ids.
 Json::Value composeSubscriberDocument(const DataEventHeader* header, const std::string& timestamp,
                                       const std::string& id, const Json::Value& subscription);
+
 } // namespace rfevent
 
 #endif

@@ -8,6 +8,8 @@
 #include "events/subscriber_path.h"
 #include "rfevent/redfish_event.h"
 
+namespace rfevent {
+
 bool isRedfishEventingEnabled() {
     static const char kKey[] = "Tavik.Embedded.1#RedfishEventing.1#EventEnable";
     // Room for "1" and its terminator: any longer value does not fit and reads as disabled.
@@ -15,12 +17,13 @@ bool isRedfishEventingEnabled() {
     uint32_t length = sizeof value;
     int status = CfgGetAttribute(kKey, value, &length);
     if (status != 0) {
-        RF_LOG(rfevent::kLogError, "[%s():%d]Attribute get failed for %s with error: %d", kKey,
-               status);
+        RF_LOG(kLogError, "[%s():%d]Attribute get failed for %s with error: %d", kKey, status);
         return false;
     }
     return std::strcmp(value, "1") == 0;
 }
+
+} // namespace rfevent
 
 extern "C" RFEVENT_API void sendRedFishEventAlert(DataEventHeader* header, void* eventContext) {
     RF_ENTER();
@@ -33,12 +36,12 @@ extern "C" RFEVENT_API void sendRedFishEventAlert(DataEventHeader* header, void*
     // thread, and the SSE path still runs after a failed subscriber path.
     bool enabled = false;
     rfevent::guarded(RF_HERE, "isRedfishEventingEnabled dropped the alert",
-                     [&] { enabled = isRedfishEventingEnabled(); });
+                     [&] { enabled = rfevent::isRedfishEventingEnabled(); });
     if (enabled) {
         rfevent::guarded(RF_HERE, "sendRedFishEvent dropped the alert",
-                         [&] { sendRedFishEvent(header, eventContext); });
+                         [&] { rfevent::sendRedFishEvent(header, eventContext); });
         rfevent::guarded(RF_HERE, "sendRedFishEvent_SSE dropped the alert",
-                         [&] { sendRedFishEvent_SSE(header, eventContext); });
+                         [&] { rfevent::sendRedFishEvent_SSE(header, eventContext); });
     }
     RF_EXIT();
 }

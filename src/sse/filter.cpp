@@ -9,11 +9,7 @@
 #include "base/paths.h"
 #include "sse/transport.h"
 
-using rfevent::getMetricReportDefinition;
-using rfevent::getReportSequence;
-using rfevent::kLogDebug;
-using rfevent::kLogError;
-using rfevent::kLogInfo;
+namespace rfevent {
 
 namespace {
 
@@ -168,3 +164,5 @@ std::list<std::string> split(const std::string& s, const std::string& delimiter)
     RF_LOG(kLogDebug, "[%s():%d]Split data count: %d\n", static_cast<int>(pieces.size()));
     return pieces;
 }
+
+} // namespace rfevent

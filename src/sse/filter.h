@@ -5,6 +5,8 @@
 #include <list>
 #include <string>
 
+namespace rfevent {
+
 // Sends report to every matching SSE client, one message per distinct filter text; 0.
 int send_report_to_sse(const char* report);
 
@@ -16,5 +18,7 @@ std::string removeBraces(std::string s);
 
 // Splits s on every delimiter occurrence, dropping empty pieces.
 std::list<std::string> split(const std::string& s, const std::string& delimiter);
+
+} // namespace rfevent
 
 #endif

@@ -16,9 +16,7 @@
 #include "base/log.h"
 #include "base/paths.h"
 
-using rfevent::kLogDebug;
-using rfevent::kLogError;
-using rfevent::kLogInfo;
+namespace rfevent {
 
 pthread_mutex_t sse_send_mutex = PTHREAD_MUTEX_INITIALIZER;
 int sse_fifo_fd = -1;
@@ -163,3 +161,5 @@ int sse_chunk_send(const char* msg) {
     send_to_sock_sse((prefix + "<END>").c_str());
     return 0;
 }
+
+} // namespace rfevent

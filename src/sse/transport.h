@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+namespace rfevent {
+
 constexpr int kSsePieceSize = 4096;
 
 // Serialises every FIFO write and every socket connection.
@@ -29,5 +31,7 @@ std::string messagePrefix(std::string_view message);
 // A report message as the socket carries it: a message of at most 4096 bytes whole and then
 // its end marker, a longer one through sse_chunk_send.
 void sendReportMessage(const std::string& message);
+
+} // namespace rfevent
 
 #endif

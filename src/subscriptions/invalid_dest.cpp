@@ -15,10 +15,6 @@
 #include "subscriptions/retry_policy.h"
 #include "subscriptions/store.h"
 
-using rfevent::kLogDebug;
-using rfevent::kLogError;
-using rfevent::kLogInfo;
-
 namespace rfevent {
 
 namespace {
@@ -199,8 +195,6 @@ bool probeInvalidDestinationsOnce() {
     return false;
 }
 
-} // namespace rfevent
-
 void* InvalidDestHandlingThread1(void* unused) {
     (void)unused;
     for (;;) {
@@ -226,3 +220,5 @@ void* InvalidDestHandlingThread2(void* unused) {
         sleep(rfevent::kProbePeriodSeconds);
     }
 }
+
+} // namespace rfevent

@@ -11,6 +11,8 @@
 
 #include <json/json.h>
 
+namespace rfevent {
+
 // One pending re-send. Texts are heap copies released with free().
 struct InvalidDestinationRecord {
     char* destination;
@@ -19,8 +21,6 @@ struct InvalidDestinationRecord {
     Json::Value* subscription; // heap copy, deleted with the record
     char* report;
 };
-
-namespace rfevent {
 
 // The queue, the destinations it holds (same order) and the mutex guarding both.
 struct InvalidDestinationQueue {
@@ -64,9 +64,9 @@ bool probeInvalidDestinationsOnce();
 // The body of the probe POST.
 extern const char* g_invalidDestinationProbeReport;
 
-} // namespace rfevent
-
 void* InvalidDestHandlingThread1(void* unused);
 void* InvalidDestHandlingThread2(void* unused);
+
+} // namespace rfevent
 
 #endif

@@ -12,10 +12,7 @@
 #include "subscriptions/invalid_dest.h"
 #include "subscriptions/store.h"
 
-using rfevent::getMetricReportDefinition;
-using rfevent::kLogDebug;
-using rfevent::kLogError;
-using rfevent::kLogInfo;
+namespace rfevent {
 
 namespace {
 
@@ -193,3 +190,5 @@ bool isReportMatchTheSubscription(Json::Value list, const std::string& definitio
     }
     return false;
 }
+
+} // namespace rfevent

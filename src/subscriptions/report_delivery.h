@@ -6,10 +6,14 @@
 
 #include <json/json.h>
 
+namespace rfevent {
+
 // 0 when the store was read and processed, -1 for a null report or a missing or bad store.
 int send_report_to_subscription(const char* report);
 
 // True when an element of list has an "@odata.id" equal to definitionUri.
 bool isReportMatchTheSubscription(Json::Value list, const std::string& definitionUri);
+
+} // namespace rfevent
 
 #endif

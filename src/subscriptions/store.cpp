@@ -17,8 +17,7 @@
 #include "base/paths.h"
 #include "platform/platform.h"
 
-using rfevent::kLogDebug;
-using rfevent::kLogError;
+namespace rfevent {
 
 namespace {
 
@@ -69,8 +68,6 @@ void releaseTelemetrySlot(const Json::Value& subscription) {
 }
 
 } // namespace
-
-namespace rfevent {
 
 bool writeSubscriptionStore(const Json::Value& document) {
     // A store that is a link (into persistent storage, say) is followed: the file it points to
@@ -147,8 +144,6 @@ int modifySubscription(SourceSpot spot, const StoreTexts& texts, const char* id,
 
 } // namespace
 
-} // namespace rfevent
-
 int removeSubscription(const char* subscriptionId) {
     RF_ENTER();
     int status =
@@ -203,3 +198,5 @@ void removeFromSubscription(std::vector<DeliveryTarget*>& targets) {
     targets.clear();
     RF_EXIT();
 }
+
+} // namespace rfevent

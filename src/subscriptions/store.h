@@ -10,6 +10,8 @@
 
 #include "delivery/target.h"
 
+namespace rfevent {
+
 // The three store operations: 0 when the store was rewritten, -1 when it is absent, does not
 // parse or has no subscription with that id (the file is then left untouched).
 int removeSubscription(const char* subscriptionId);
@@ -19,10 +21,10 @@ int setSubscriptionState(const char* subscriptionId, const char* state);
 // Releases every record of a parallel delivery and empties the vector.
 void removeFromSubscription(std::vector<DeliveryTarget*>& targets);
 
-namespace rfevent {
 // Replaces the store with the styled form of document: written to a temporary file in the
 // same folder, then renamed over the store, so readers see the old or the new content.
 bool writeSubscriptionStore(const Json::Value& document);
+
 } // namespace rfevent
 
 #endif

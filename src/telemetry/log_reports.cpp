@@ -20,11 +20,7 @@
 #include "sse/transport.h"
 #include "subscriptions/report_delivery.h"
 
-using rfevent::fixedPath;
-using rfevent::FixedPath;
-using rfevent::kLogDebug;
-using rfevent::kLogError;
-using rfevent::kLogInfo;
+namespace rfevent {
 
 std::atomic<int> serialLogSequence{0};
 std::atomic<int> cpuRegisterSequence{0};
@@ -328,3 +324,5 @@ char* base64Encode(const unsigned char* data, std::size_t length, std::size_t* o
     }
     return out;
 }
+
+} // namespace rfevent

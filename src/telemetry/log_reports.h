@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <string>
 
+namespace rfevent {
+
 // Sequence of the next report of each type, as last loaded from its sequence file; the SSE
 // sender uses the value as event id and then increments it.
 extern std::atomic<int> serialLogSequence;
@@ -26,5 +28,7 @@ int SetReportSequence(const char* path, int value);
 int sendLog_to_sse(const char* reportJson, const char* type);
 void EncodeStr(std::string& message);
 char* base64Encode(const unsigned char* data, std::size_t length, std::size_t* outLength);
+
+} // namespace rfevent
 
 #endif

@@ -170,8 +170,6 @@ PipeThread telemetryPipe(TelemetryPipeState& state) {
     return pipe;
 }
 
-} // namespace rfevent
-
 void* TelemetryServiceNotifyWaitThread(void* runFlag) {
     using namespace rfevent;
     // Lives as long as the thread, that is as long as the process.
@@ -186,3 +184,5 @@ void* TelemetryServiceNotifyWaitThread(void* runFlag) {
     runPipeThread(telemetryPipe(*state), static_cast<const RunFlag*>(runFlag));
     parkForever();
 }
+
+} // namespace rfevent

@@ -26,10 +26,7 @@
 #include "sse/transport.h"
 #include "telemetry/report_db.h"
 
-using rfevent::getReportSequence;
-using rfevent::kLogDebug;
-using rfevent::kLogError;
-using rfevent::kLogInfo;
+namespace rfevent {
 
 namespace {
 
@@ -177,3 +174,5 @@ char* sendLastLogToSSE(std::string name) {
     RF_EXIT();
     return buffer;
 }
+
+} // namespace rfevent

@@ -8,6 +8,8 @@
 
 #include "base/pipe_thread.h"
 
+namespace rfevent {
+
 // The thread's read buffer; every read asks for one byte less, so the text stays terminated.
 constexpr int kSseInfraBufferSize = 512;
 constexpr int kSseInfraReadSize = kSseInfraBufferSize - 1;
@@ -25,5 +27,7 @@ void process_last_event_id(const char* request);
 
 // The whole content of the stored "seriallog" or "CPURegisters" report (caller frees), or null.
 char* sendLastLogToSSE(std::string name);
+
+} // namespace rfevent
 
 #endif

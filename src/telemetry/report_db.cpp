@@ -8,9 +8,7 @@
 #include "base/paths.h"
 #include "base/sqlite.h"
 
-using rfevent::kLogDebug;
-using rfevent::kLogError;
-using rfevent::kLogInfo;
+namespace rfevent {
 
 pthread_mutex_t reportViewMutex = PTHREAD_MUTEX_INITIALIZER;
 
@@ -131,3 +129,5 @@ void sqlGetISODateTime(sqlite3_context* context, int argc, sqlite3_value** argv)
     std::memcpy(block, formatted, kTimeSize);
     sqlite3_result_text(context, block, -1, sqlite3_free);
 }
+
+} // namespace rfevent

@@ -5,6 +5,8 @@
 #include <pthread.h>
 #include <sqlite3.h>
 
+namespace rfevent {
+
 // Serialises every lookup and guards the connection handle.
 extern pthread_mutex_t reportViewMutex;
 
@@ -20,5 +22,7 @@ void sqlGetISODateTime(sqlite3_context* context, int argc, sqlite3_value** argv)
 // Turns a "+hhmm" zone offset at the end of text into "+hh:mm", in place. The text grows by
 // one character: the byte after its terminator must be zero and belong to the buffer.
 void addColonToZoneOffset(char* text);
+
+} // namespace rfevent
 
 #endif

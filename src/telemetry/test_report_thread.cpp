@@ -60,8 +60,6 @@ PipeThread testReportPipe(char* buffer) {
     return pipe;
 }
 
-} // namespace rfevent
-
 void* RedfishTestMetricReportThread(void* runFlag) {
     using namespace rfevent;
     char buffer[kTestReportBufferSize] = {};
@@ -72,3 +70,5 @@ void* RedfishTestMetricReportThread(void* runFlag) {
     RF_LOG(kLogInfo, "[%s():%d]Report notify thread end");
     return nullptr;
 }
+
+} // namespace rfevent

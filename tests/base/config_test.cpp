@@ -7,6 +7,8 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 
+using namespace rfevent;
+
 using namespace rfevent::testkit;
 
 namespace {

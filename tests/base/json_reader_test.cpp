@@ -5,6 +5,8 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 
+using namespace rfevent;
+
 using rfevent::getMetricReportDefinition;
 using rfevent::getReportSequence;
 

@@ -16,6 +16,8 @@
 #include "harness/sandbox.h"
 #include "subscriptions/store.h"
 
+using namespace rfevent;
+
 namespace rfevent::testkit {
 namespace {
 

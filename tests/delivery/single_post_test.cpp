@@ -13,6 +13,8 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 
+using namespace rfevent;
+
 namespace tk = rfevent::testkit;
 using namespace std::chrono_literals;
 

@@ -6,6 +6,8 @@
 #include "harness/sandbox.h"
 #include "rfevent/redfish_event.h"
 
+using namespace rfevent;
+
 namespace {
 
 std::string mapped(const char* fqdd, uint32_t size = 256) {

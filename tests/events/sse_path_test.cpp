@@ -12,6 +12,8 @@
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
 
+using namespace rfevent;
+
 namespace tk = rfevent::testkit;
 using namespace std::chrono_literals;
 

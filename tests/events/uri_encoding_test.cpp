@@ -6,6 +6,8 @@
 #include "harness/sandbox.h"
 #include "rfevent/redfish_event.h"
 
+using namespace rfevent;
+
 namespace tk = rfevent::testkit;
 
 namespace {

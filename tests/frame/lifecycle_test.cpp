@@ -10,6 +10,8 @@
 #include "harness/sandbox.h"
 #include "rfevent/redfish_event.h"
 
+using namespace rfevent;
+
 using namespace rfevent::testkit;
 
 namespace {

@@ -11,6 +11,8 @@
 #include "harness/sandbox.h"
 #include "platform/platform.h"
 
+using namespace rfevent;
+
 namespace tk = rfevent::testkit;
 
 struct JXLogTLVList {

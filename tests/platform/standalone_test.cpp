@@ -10,6 +10,8 @@
 #include "harness/sandbox.h"
 #include "platform/platform.h"
 
+using namespace rfevent;
+
 using namespace rfevent::testkit;
 
 namespace {

@@ -18,6 +18,8 @@
 #include "../../fuzz/telemetry_pipe.h"
 #include "harness/sandbox.h"
 
+using namespace rfevent;
+
 namespace {
 
 namespace fs = std::filesystem;

@@ -12,6 +12,8 @@
 
 #include "harness/sandbox.h"
 
+using namespace rfevent;
+
 namespace {
 
 namespace fs = std::filesystem;

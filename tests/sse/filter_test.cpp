@@ -13,6 +13,8 @@
 #include "harness/sse_receiver.h"
 #include "sse/filter.h"
 
+using namespace rfevent;
+
 namespace {
 
 using namespace std::chrono_literals;

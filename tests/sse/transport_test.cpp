@@ -20,6 +20,8 @@
 #include "harness/sse_receiver.h"
 #include "sse/transport.h"
 
+using namespace rfevent;
+
 namespace {
 
 using namespace std::chrono_literals;

@@ -10,6 +10,8 @@
 #include "harness/sandbox.h"
 #include "subscriptions/invalid_dest.h"
 
+using namespace rfevent;
+
 namespace rfevent::testkit {
 
 inline TestPki pki() {

@@ -18,6 +18,8 @@
 #include "subscriptions/queue_sandbox.h"
 #include "subscriptions/report_delivery.h"
 
+using namespace rfevent;
+
 namespace rfevent::testkit {
 namespace {
 

@@ -11,6 +11,8 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 
+using namespace rfevent;
+
 namespace tk = rfevent::testkit;
 
 namespace {

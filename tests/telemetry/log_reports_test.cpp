@@ -21,6 +21,8 @@
 #include "harness/sse_receiver.h"
 #include "telemetry/push_subscriber.h"
 
+using namespace rfevent;
+
 namespace {
 
 using rfevent::fixedPath;

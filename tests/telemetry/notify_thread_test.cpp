@@ -27,6 +27,8 @@
 #include "harness/sandbox.h"
 #include "telemetry/report_db.h"
 
+using namespace rfevent;
+
 namespace {
 
 using rfevent::TelemetryPipeState;

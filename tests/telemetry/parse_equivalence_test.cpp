@@ -13,6 +13,8 @@
 #include "harness/sandbox.h"
 #include "telemetry/notify_thread_internal.h"
 
+using namespace rfevent;
+
 namespace {
 
 using rfevent::kTelemetryNameSize;

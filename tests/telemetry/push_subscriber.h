@@ -7,6 +7,8 @@
 #include "harness/https_server.h"
 #include "harness/sandbox.h"
 
+using namespace rfevent;
+
 namespace rfevent::testkit {
 
 class MetricReportSubscriber {

@@ -28,6 +28,8 @@
 #include "telemetry/report_db.h"
 
 // Present once the telemetry database lookup is linked in.
+using namespace rfevent;
+
 char* execute_report_views(const char* reportName) __attribute__((weak));
 
 namespace {

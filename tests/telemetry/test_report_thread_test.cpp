@@ -19,6 +19,8 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 
+using namespace rfevent;
+
 namespace {
 
 using rfevent::testkit::LogCapture;
