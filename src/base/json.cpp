@@ -118,23 +118,34 @@ std::string getReportSequence(const char* report) {
 RF_Json_Reader::RF_Json_Reader() = default;
 RF_Json_Reader::~RF_Json_Reader() = default;
 
-// Both forms report every failure of the library, too deep nesting included, as a failed
-// parse: nothing thrown by the library reaches the caller.
-bool RF_Json_Reader::parse(std::string text, Json::Value& root, bool collectComments) {
-    (void)collectComments;
-    RF_ENTER();
-    Json::CharReaderBuilder builder;
+namespace {
+
+// Runs one parse of the library. Every failure it reports, and anything it throws (too deep
+// nesting, for one), becomes a logged failed parse: nothing thrown reaches the caller.
+template <typename Parse> bool parseReportingErrors(rfevent::SourceSpot spot, Parse parse) {
     std::string errors;
     bool ok = false;
     try {
-        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        ok = reader->parse(text.data(), text.data() + text.size(), &root, &errors);
+        ok = parse(errors);
     } catch (const std::exception& error) {
         errors = error.what();
     }
     if (!errors.empty()) {
-        RF_LOG(rfevent::kLogError, "[%s():%d]Errors found : %s", errors.c_str());
+        RF_LOG_AT(spot, rfevent::kLogError, "[%s():%d]Errors found : %s", errors.c_str());
     }
+    return ok;
+}
+
+} // namespace
+
+bool RF_Json_Reader::parse(std::string text, Json::Value& root, bool collectComments) {
+    (void)collectComments;
+    RF_ENTER();
+    bool ok = parseReportingErrors(RF_HERE, [&](std::string& errors) {
+        Json::CharReaderBuilder builder;
+        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        return reader->parse(text.data(), text.data() + text.size(), &root, &errors);
+    });
     RF_EXIT();
     return ok;
 }
@@ -142,17 +153,10 @@ bool RF_Json_Reader::parse(std::string text, Json::Value& root, bool collectComm
 bool RF_Json_Reader::parse(std::ifstream& in, Json::Value& root, bool collectComments) {
     (void)collectComments;
     RF_ENTER();
-    Json::CharReaderBuilder builder;
-    std::string errors;
-    bool ok = false;
-    try {
-        ok = Json::parseFromStream(builder, in, &root, &errors);
-    } catch (const std::exception& error) {
-        errors = error.what();
-    }
-    if (!errors.empty()) {
-        RF_LOG(rfevent::kLogError, "[%s():%d]Errors found : %s", errors.c_str());
-    }
+    bool ok = parseReportingErrors(RF_HERE, [&](std::string& errors) {
+        Json::CharReaderBuilder builder;
+        return Json::parseFromStream(builder, in, &root, &errors);
+    });
     RF_EXIT();
     return ok;
 }

@@ -22,23 +22,23 @@ bool isNamedPipe(int fd) {
 } // namespace
 
 UniqueFd openPipe(const PipeThread& pipe) {
-    RF_LOG(kLogInfo, "[%s():%d]%s FIFO CREATION", pipe.creationLabel);
+    RF_LOG(kLogInfo, "[%s():%d]%s FIFO CREATION", pipe.texts.creationLabel);
     int status = ::mkfifo(pipe.path, 0660);
     int error = errno;
-    RF_LOG(kLogInfo, "[%s():%d]%s FIFO  status = %d , errno = %d  %s", pipe.label, status, error,
-           std::strerror(error));
+    RF_LOG(kLogInfo, "[%s():%d]%s FIFO  status = %d , errno = %d  %s", pipe.texts.label, status,
+           error, std::strerror(error));
     if (status != 0 && error != EEXIST) {
         return UniqueFd();
     }
     if (pipe.beforeOpen && !pipe.beforeOpen()) {
         return UniqueFd();
     }
-    RF_LOG(kLogInfo, "[%s():%d]%s FIFO created", pipe.label);
-    RF_LOG(kLogInfo, "[%s():%d]waiting on %s  %s", pipe.waitName, pipe.path);
+    RF_LOG(kLogInfo, "[%s():%d]%s FIFO created", pipe.texts.label);
+    RF_LOG(kLogInfo, "[%s():%d]waiting on %s  %s", pipe.texts.waitName, pipe.path);
     UniqueFd fd(::open(pipe.path, O_RDONLY | O_CLOEXEC));
-    RF_LOG(kLogInfo, "[%s():%d]%s Opened %s", pipe.pipeName, pipe.path);
+    RF_LOG(kLogInfo, "[%s():%d]%s Opened %s", pipe.texts.pipeName, pipe.path);
     if (!fd.valid()) {
-        RF_LOG(pipe.openFailedLevel, "[%s():%d]Named pipe open failed");
+        RF_LOG(pipe.texts.openFailedLevel, "[%s():%d]Named pipe open failed");
         return fd;
     }
     if (!isNamedPipe(fd.get())) {

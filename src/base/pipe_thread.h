@@ -14,16 +14,20 @@
 
 namespace rfevent {
 
-struct PipeThread {
-    const char* path;
-    // Log texts: "<creationLabel> FIFO CREATION", "<label> FIFO  status = ...",
-    // "<label> FIFO created", "waiting on <waitName>  <path>", "<pipeName> Opened <path>".
+// How one pipe thread words its log lines: "<creationLabel> FIFO CREATION",
+// "<label> FIFO  status = ...", "<label> FIFO created", "waiting on <waitName>  <path>",
+// "<pipeName> Opened <path>", and "Named pipe open failed" at openFailedLevel.
+struct PipeTexts {
     const char* creationLabel;
     const char* label;
     const char* waitName;
     const char* pipeName;
-    int openFailedLevel; // of "Named pipe open failed"
+    int openFailedLevel;
+};
 
+struct PipeThread {
+    const char* path;
+    PipeTexts texts;
     char* buffer;           // the thread's receive buffer
     std::size_t readSize;   // bytes asked of one read
     unsigned noWriterPause; // seconds slept after a read of 0 bytes (no writer)

@@ -3,8 +3,11 @@
 #define RFEVENT_DELIVERY_TARGET_H
 
 #include <cstdint>
+#include <cstdlib>
 
 #include <json/json.h>
+
+#include "base/log.h"
 
 namespace rfevent {
 
@@ -18,6 +21,18 @@ struct DeliveryTarget {
     char* retryPolicy;
     Json::Value* subscription; // heap copy, deleted with the record
 };
+
+// Frees the texts and the subscription copy a delivery record owns, logging the copy's
+// pointer first (its low 32 bits, as the format has always printed it) under spot. The
+// records of a parallel delivery and of the invalid-destination queue own the same fields.
+template <typename Record> void releaseRecordFields(SourceSpot spot, Record& record) {
+    std::free(record.destination);
+    std::free(record.subscriptionId);
+    std::free(record.retryPolicy);
+    RF_LOG_AT(spot, kLogDebug, "[%s():%d]Before Freeing the ptr[%u]\n",
+              static_cast<unsigned>(reinterpret_cast<uintptr_t>(record.subscription)));
+    delete record.subscription;
+}
 
 // One parallel pass serves at most this many destinations.
 constexpr int kMaxParallelDestinations = 30;

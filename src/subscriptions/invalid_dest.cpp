@@ -12,6 +12,7 @@
 #include "base/paths.h"
 #include "base/run_flags.h"
 #include "delivery/single_post.h"
+#include "delivery/target.h"
 #include "subscriptions/retry_policy.h"
 #include "subscriptions/store.h"
 
@@ -158,13 +159,7 @@ void releaseInvalidDestinationRecord(InvalidDestinationRecord* record) {
     if (record == nullptr) {
         return;
     }
-    std::free(record->destination);
-    std::free(record->subscriptionId);
-    std::free(record->retryPolicy);
-    // The log shows the low 32 bits of the pointer, as the format has always printed it.
-    RF_LOG(kLogDebug, "[%s():%d]Before Freeing the ptr[%u]\n",
-           static_cast<unsigned>(reinterpret_cast<uintptr_t>(record->subscription)));
-    delete record->subscription;
+    releaseRecordFields(RF_HERE, *record);
     std::free(record->report);
     std::free(record);
 }

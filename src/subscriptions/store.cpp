@@ -185,13 +185,7 @@ void removeFromSubscription(std::vector<DeliveryTarget*>& targets) {
         if (target == nullptr) {
             continue;
         }
-        std::free(target->destination);
-        std::free(target->subscriptionId);
-        std::free(target->retryPolicy);
-        // The log shows the low 32 bits of the pointer, as the format has always printed it.
-        RF_LOG(kLogDebug, "[%s():%d]Before Freeing the ptr[%u]\n",
-               static_cast<unsigned>(reinterpret_cast<uintptr_t>(target->subscription)));
-        delete target->subscription;
+        releaseRecordFields(RF_HERE, *target);
         std::free(target);
         target = nullptr;
     }

@@ -154,20 +154,17 @@ void handleTelemetryRead(TelemetryPipeState& state, ssize_t count) {
 } // namespace
 
 PipeThread telemetryPipe(TelemetryPipeState& state) {
-    PipeThread pipe;
-    pipe.path = telemetryFifo();
-    pipe.creationLabel = "Redfish Telemetry service ";
-    pipe.label = "Redfish Telemetry service";
-    pipe.waitName = "TELEMETRYFIFO";
-    pipe.pipeName = "TELEMETRYFIFO";
-    pipe.openFailedLevel = kLogError;
-    pipe.buffer = state.readBuffer;
-    pipe.readSize = kTelemetryReadSize;
-    pipe.noWriterPause = 1;
-    pipe.readPause = 0;
-    pipe.beforeOpen = registerForReportTriggers;
-    pipe.handleRead = [&state](char*, ssize_t count) { handleTelemetryRead(state, count); };
-    return pipe;
+    return PipeThread{
+        telemetryFifo(),
+        {"Redfish Telemetry service ", "Redfish Telemetry service", "TELEMETRYFIFO",
+         "TELEMETRYFIFO", kLogError},
+        state.readBuffer,
+        kTelemetryReadSize,
+        1, // seconds between polls of a pipe without writer
+        0,
+        registerForReportTriggers,
+        [&state](char*, ssize_t count) { handleTelemetryRead(state, count); },
+    };
 }
 
 void* TelemetryServiceNotifyWaitThread(void* runFlag) {

@@ -80,19 +80,16 @@ void sseInfraHandleRead(char* buffer, ssize_t count) {
 }
 
 rfevent::PipeThread sseInfraPipe(char* buffer) {
-    rfevent::PipeThread pipe;
-    pipe.path = rfevent::fixedPath(rfevent::FixedPath::SseInfraFifo);
-    pipe.creationLabel = "Redfish SSE infra ";
-    pipe.label = "Redfish SSE infra";
-    pipe.waitName = "TELEMETRYFIFO";
-    pipe.pipeName = "SSEINFRAFIFO";
-    pipe.openFailedLevel = kLogInfo;
-    pipe.buffer = buffer;
-    pipe.readSize = kSseInfraReadSize;
-    pipe.noWriterPause = 0;
-    pipe.readPause = kPacingSeconds;
-    pipe.handleRead = sseInfraHandleRead;
-    return pipe;
+    return PipeThread{
+        fixedPath(FixedPath::SseInfraFifo),
+        {"Redfish SSE infra ", "Redfish SSE infra", "TELEMETRYFIFO", "SSEINFRAFIFO", kLogInfo},
+        buffer,
+        kSseInfraReadSize,
+        0,
+        kPacingSeconds, // after every read, also one that found no writer
+        nullptr,
+        sseInfraHandleRead,
+    };
 }
 
 void* RedfishSSEInfraNotifyThread(void* runFlag) {

@@ -45,19 +45,17 @@ void handleTestReportRead(char* buffer, ssize_t count) {
 } // namespace
 
 PipeThread testReportPipe(char* buffer) {
-    PipeThread pipe;
-    pipe.path = testReportFifo();
-    pipe.creationLabel = "Redfish Test report";
-    pipe.label = "Redfish Test report";
-    pipe.waitName = "TESTREPORTFIFO";
-    pipe.pipeName = "TESTREPORTFIFO";
-    pipe.openFailedLevel = kLogError;
-    pipe.buffer = buffer;
-    pipe.readSize = kTestReportBufferSize - 1;
-    pipe.noWriterPause = 3;
-    pipe.readPause = 0;
-    pipe.handleRead = handleTestReportRead;
-    return pipe;
+    return PipeThread{
+        testReportFifo(),
+        {"Redfish Test report", "Redfish Test report", "TESTREPORTFIFO", "TESTREPORTFIFO",
+         kLogError},
+        buffer,
+        kTestReportBufferSize - 1, // the text stays terminated
+        3,                         // seconds between polls of a pipe without writer
+        0,
+        nullptr,
+        handleTestReportRead,
+    };
 }
 
 void* RedfishTestMetricReportThread(void* runFlag) {
