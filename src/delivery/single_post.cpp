@@ -11,6 +11,7 @@
 #include "base/log.h"
 #include "delivery/curl_options.h"
 #include "delivery/jxlog.h"
+#include "delivery/session_cache.h"
 
 namespace rfevent {
 
@@ -73,6 +74,8 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts, int interval, bo
             *failed = true;
             return;
         }
+        // A retry resumes only sessions made with the credential files as they are now.
+        attachSessionCache(curl);
     }
 }
 
