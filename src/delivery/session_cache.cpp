@@ -1,24 +1,15 @@
 #include "delivery/session_cache.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <mutex>
 #include <type_traits>
 
-#include "base/fd.h"
 #include "base/paths.h"
+#include "delivery/tls_credentials.h"
 
 namespace rfevent {
 
 namespace {
-
-// A share handle whose sessions were dropped stays until the last transfer still attached to it
-// is cleaned up; these are the places where it waits.
-constexpr int kRetiredShares = 4;
 
 // libcurl takes one lock per kind of shared data and never one it already holds. The locks
 // serve every share handle of the cache.
@@ -37,13 +28,26 @@ void unlockData(CURL* handle, curl_lock_data data, void* user) {
     g_dataLocks[data].unlock();
 }
 
+// The sessions made with one set of credential file contents, and those contents parsed. A
+// transfer that uses the parsed credentials is attached to the share handle too, so once the
+// share handle is idle nothing refers to the generation any more.
+struct Generation {
+    CURLSH* share = nullptr;
+    bool labelled = false; // fingerprint and credentials are set
+    std::uint64_t fingerprint = 0;
+    TlsCredentials* credentials = nullptr; // null when they cannot go into libcurl's contexts
+};
+
+// A generation whose files changed stays until the last transfer attached to it is cleaned up;
+// these are the places where it waits.
+constexpr int kRetiredGenerations = 4;
+
 struct SessionCache {
     std::mutex mutex; // guards every member below
     bool open = false;
-    CURLSH* current = nullptr;     // where transfers resume from and store to
-    bool labelled = false;         // credentials holds what current's sessions were made with
-    std::uint64_t credentials = 0; // fingerprint of the certificate, key and CA bundle files
-    CURLSH* retired[kRetiredShares] = {};
+    bool tlsLibraryIsOurs = false;
+    Generation* current = nullptr;
+    Generation* retired[kRetiredGenerations] = {};
 };
 
 // Worker threads are never stopped: the cache must stay usable while the process exits, so it
@@ -51,50 +55,6 @@ struct SessionCache {
 static_assert(std::is_trivially_destructible<SessionCache>::value,
               "the session cache must outlive static destruction");
 SessionCache g_cache;
-
-// 64-bit FNV-1a over one more piece of a file.
-std::uint64_t hashBytes(std::uint64_t hash, const unsigned char* data, std::size_t length) {
-    for (std::size_t i = 0; i < length; ++i) {
-        hash ^= data[i];
-        hash *= 0x100000001b3ULL;
-    }
-    return hash;
-}
-
-// Folds the contents of path into hash; a file that cannot be read counts as its error code.
-std::uint64_t hashFile(std::uint64_t hash, const char* path) {
-    UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
-    if (!fd.valid()) {
-        const auto error = static_cast<unsigned char>(errno);
-        return hashBytes(hash, &error, 1);
-    }
-    unsigned char buffer[4096];
-    std::uint64_t length = 0;
-    for (;;) {
-        const ssize_t count = ::read(fd.get(), buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            break;
-        }
-        hash = hashBytes(hash, buffer, static_cast<std::size_t>(count));
-        length += static_cast<std::uint64_t>(count);
-    }
-    // The length ends each file's part, so moving bytes from one file to the next shows.
-    unsigned char lengthBytes[sizeof length];
-    std::memcpy(lengthBytes, &length, sizeof length);
-    return hashBytes(hash, lengthBytes, sizeof lengthBytes);
-}
-
-// What the files a handshake reads hold now. libcurl tells sessions apart by these files'
-// paths only, and the paths never change.
-std::uint64_t credentialFingerprint() {
-    std::uint64_t hash = 0xcbf29ce484222325ULL;
-    hash = hashFile(hash, fixedPath(FixedPath::ClientCertificate));
-    hash = hashFile(hash, fixedPath(FixedPath::ClientKey));
-    return hashFile(hash, fixedPath(FixedPath::ServerCaBundle));
-}
 
 CURLSH* newShare() {
     CURLSH* share = curl_share_init();
@@ -110,47 +70,109 @@ CURLSH* newShare() {
     return share;
 }
 
-// Releases every retired share no transfer is attached to any more. Called with the cache's
-// mutex held: no transfer can attach to a retired share, so one found idle stays idle.
-void releaseIdleShares() {
-    for (CURLSH*& share : g_cache.retired) {
-        if (share != nullptr && curl_share_cleanup(share) == CURLSHE_OK) {
-            share = nullptr;
+// A generation whose contents the first transfer tells; null when libcurl gives no share
+// handle.
+Generation* newGeneration() {
+    CURLSH* share = newShare();
+    if (share == nullptr) {
+        return nullptr;
+    }
+    auto* generation = new Generation;
+    generation->share = share;
+    return generation;
+}
+
+void label(Generation& generation, const CredentialFiles& files) {
+    generation.fingerprint = files.fingerprint;
+    if (g_cache.tlsLibraryIsOurs) {
+        generation.credentials = new TlsCredentials(files);
+    }
+    generation.labelled = true;
+}
+
+// Releases the generation when no transfer is attached to its share handle any more.
+bool releaseIfIdle(Generation* generation) {
+    if (curl_share_cleanup(generation->share) != CURLSHE_OK) {
+        return false;
+    }
+    delete generation->credentials;
+    delete generation;
+    return true;
+}
+
+// Releases every retired generation that has become idle. Called with the cache's mutex held:
+// no transfer attaches to a retired generation, so one found idle stays idle.
+void releaseIdleGenerations() {
+    for (Generation*& generation : g_cache.retired) {
+        if (generation != nullptr && releaseIfIdle(generation)) {
+            generation = nullptr;
         }
     }
 }
 
-// Moves the current share to the retired ones; false when every place is taken.
+// Moves the current generation to the retired ones; false when every place is taken.
 bool retireCurrent() {
-    for (CURLSH*& share : g_cache.retired) {
-        if (share == nullptr) {
-            share = g_cache.current;
+    for (Generation*& generation : g_cache.retired) {
+        if (generation == nullptr) {
+            generation = g_cache.current;
             g_cache.current = nullptr;
-            g_cache.labelled = false;
             return true;
         }
     }
     return false;
 }
 
-// The share a transfer made with these credential files may use; null when there is none.
-CURLSH* shareFor(std::uint64_t credentials) {
+// The generation of these contents, made when they changed; null when there is none.
+Generation* generationFor(const CredentialFiles& files) {
     if (!g_cache.open) {
         return nullptr;
     }
-    releaseIdleShares();
-    if (g_cache.current != nullptr && g_cache.labelled && g_cache.credentials != credentials &&
+    releaseIdleGenerations();
+    Generation* current = g_cache.current;
+    if (current != nullptr && current->labelled && current->fingerprint != files.fingerprint &&
         !retireCurrent()) {
         return nullptr;
     }
     if (g_cache.current == nullptr) {
-        g_cache.current = newShare();
+        g_cache.current = newGeneration();
     }
-    if (g_cache.current != nullptr && !g_cache.labelled) {
-        g_cache.credentials = credentials;
-        g_cache.labelled = true;
+    if (g_cache.current != nullptr && !g_cache.current->labelled) {
+        label(*g_cache.current, files);
     }
     return g_cache.current;
+}
+
+CURLcode installCredentials(CURL* curl, void* sslContext, void* user) {
+    (void)curl;
+    return static_cast<const TlsCredentials*>(user)->install(sslContext);
+}
+
+// The transfer loads the credential files itself, as setPostOptions set it up.
+void useFiles(CURL* curl, bool checking) {
+    (void)curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION,
+                           static_cast<curl_ssl_ctx_callback>(nullptr));
+    (void)curl_easy_setopt(curl, CURLOPT_SSLCERT, fixedPath(FixedPath::ClientCertificate));
+    (void)curl_easy_setopt(curl, CURLOPT_SSLKEY, fixedPath(FixedPath::ClientKey));
+    if (checking) {
+        (void)curl_easy_setopt(curl, CURLOPT_CAINFO, fixedPath(FixedPath::ServerCaBundle));
+    }
+}
+
+// The transfer takes the parsed credentials instead of loading the files; false when libcurl
+// refused, and the transfer then loads the files itself.
+bool useParsed(CURL* curl, bool checking, const TlsCredentials* credentials) {
+    if (curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, installCredentials) != CURLE_OK ||
+        curl_easy_setopt(curl, CURLOPT_SSL_CTX_DATA, const_cast<TlsCredentials*>(credentials)) !=
+            CURLE_OK) {
+        return false;
+    }
+    const char* const none = nullptr;
+    (void)curl_easy_setopt(curl, CURLOPT_SSLCERT, none);
+    (void)curl_easy_setopt(curl, CURLOPT_SSLKEY, none);
+    if (checking) {
+        (void)curl_easy_setopt(curl, CURLOPT_CAINFO, none);
+    }
+    return true;
 }
 
 } // namespace
@@ -161,30 +183,35 @@ void createSessionCache() {
         return;
     }
     g_cache.open = true;
+    g_cache.tlsLibraryIsOurs = tlsLibraryIsOurs();
     if (g_cache.current == nullptr) {
-        g_cache.current = newShare();
-        g_cache.labelled = false;
+        g_cache.current = newGeneration();
     }
 }
 
 void releaseSessionCache() {
     std::lock_guard<std::mutex> guard(g_cache.mutex);
     g_cache.open = false;
-    if (g_cache.current != nullptr &&
-        (curl_share_cleanup(g_cache.current) == CURLSHE_OK || retireCurrent())) {
+    if (g_cache.current != nullptr && (releaseIfIdle(g_cache.current) || retireCurrent())) {
         g_cache.current = nullptr;
     }
-    g_cache.labelled = false;
-    // A share some transfer is still attached to cannot be released; it stays retired.
-    releaseIdleShares();
+    // A generation some transfer is still attached to cannot be released; it stays retired.
+    releaseIdleGenerations();
 }
 
-void attachSessionCache(CURL* curl) {
-    const std::uint64_t credentials = credentialFingerprint();
+void attachSessionCache(CURL* curl, bool checking) {
+    const CredentialFiles files = readCredentialFiles();
     std::lock_guard<std::mutex> guard(g_cache.mutex);
-    // Attached under the mutex, so no retired share is released between the choice and the
-    // attachment. A null share detaches curl from any share it was attached to.
-    (void)curl_easy_setopt(curl, CURLOPT_SHARE, shareFor(credentials));
+    // Attached under the mutex, so no retired generation is released between the choice and
+    // the attachment.
+    Generation* generation = generationFor(files);
+    (void)curl_easy_setopt(curl, CURLOPT_SHARE,
+                           generation != nullptr ? generation->share : nullptr);
+    if (generation == nullptr || generation->credentials == nullptr ||
+        !generation->credentials->usable(checking) ||
+        !useParsed(curl, checking, generation->credentials)) {
+        useFiles(curl, checking);
+    }
 }
 
 } // namespace rfevent

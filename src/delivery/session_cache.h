@@ -1,5 +1,6 @@
-// The process-wide cache of TLS sessions that every HTTPS POST of the plug-in resumes from:
-// the single POST and its retries, the invalid-destination threads and the parallel pass.
+// The process-wide cache of TLS sessions that every HTTPS POST of the plug-in resumes from (the
+// single POST and its retries, the invalid-destination threads and the parallel pass), and of
+// the parsed credentials those sessions were made with.
 #ifndef RFEVENT_DELIVERY_SESSION_CACHE_H
 #define RFEVENT_DELIVERY_SESSION_CACHE_H
 
@@ -15,11 +16,15 @@ void createSessionCache();
 // more (no worker thread was ever started).
 void releaseSessionCache();
 
-// Lets the next transfer of curl resume a session of the cache and store the one it makes.
-// libcurl resumes a session only for the same host, port and TLS options; sessions made while
-// the client certificate, its key or the CA bundle had other contents are dropped first, so a
-// replaced file is never hidden behind a resumed session. Without a cache, curl is left alone.
-void attachSessionCache(CURL* curl);
+// Lets the next transfer of curl resume a session of the cache and store the one it makes, and
+// hands it the client certificate, its key and (checking: the destination is verified) the CA
+// bundle already parsed, when their files still hold what was parsed. The files are read anew
+// on every call. libcurl resumes a session only for the same host, port and TLS options;
+// sessions made while the files had other contents are dropped first, so a replaced file is
+// never hidden behind a resumed session. Without the cache, or when the parsed credentials
+// cannot stand in for the files, the transfer loads the files itself as setPostOptions set it
+// up, and libcurl reports any problem with them exactly as it always has.
+void attachSessionCache(CURL* curl, bool checking);
 
 } // namespace rfevent
 
