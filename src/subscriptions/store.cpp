@@ -120,7 +120,8 @@ const StoreTexts kAddInvalidTexts = {"Subscription file does not exist\n",
                                      "Fail to parse event subscription file\n", nullptr};
 
 // The read-modify-write of every store operation: load the store, find the subscription whose
-// name is exactly id, let change edit the document (given the matched name), rewrite the store.
+// name is exactly id, let change edit the document (given the matched name and the caller's
+// spot to log under), rewrite the store.
 // 0 when rewritten, -1 when the store is absent, does not parse or lacks the subscription.
 template <typename Change>
 int modifySubscription(SourceSpot spot, const StoreTexts& texts, const char* id, Change change) {
@@ -137,7 +138,7 @@ int modifySubscription(SourceSpot spot, const StoreTexts& texts, const char* id,
         }
         return -1;
     }
-    change(root, name);
+    change(root, name, spot);
     writeSubscriptionStore(root);
     return 0;
 }
@@ -146,35 +147,36 @@ int modifySubscription(SourceSpot spot, const StoreTexts& texts, const char* id,
 
 int removeSubscription(const char* subscriptionId) {
     RF_ENTER();
-    int status =
-        rfevent::modifySubscription(RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
-                                    [](Json::Value& root, const std::string& name) {
-                                        releaseTelemetrySlot(root[name]);
-                                        root.removeMember(name);
-                                        RF_LOG(kLogDebug, "[%s():%d]recreated subscription file");
-                                    });
+    int status = rfevent::modifySubscription(
+        RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
+        [](Json::Value& root, const std::string& name, SourceSpot spot) {
+            releaseTelemetrySlot(root[name]);
+            root.removeMember(name);
+            RF_LOG_AT(spot, kLogDebug, "[%s():%d]recreated subscription file");
+        });
     RF_EXIT();
     return status;
 }
 
 int addInvalidMemberinSubscription(const char* subscriptionId) {
     RF_ENTER();
-    int status = rfevent::modifySubscription(RF_HERE, rfevent::kAddInvalidTexts, subscriptionId,
-                                             [](Json::Value& root, const std::string& name) {
-                                                 root[name]["InvalidDestination"] = true;
-                                             });
+    int status =
+        rfevent::modifySubscription(RF_HERE, rfevent::kAddInvalidTexts, subscriptionId,
+                                    [](Json::Value& root, const std::string& name, SourceSpot) {
+                                        root[name]["InvalidDestination"] = true;
+                                    });
     RF_EXIT();
     return status;
 }
 
 int setSubscriptionState(const char* subscriptionId, const char* state) {
     RF_ENTER();
-    int status =
-        rfevent::modifySubscription(RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
-                                    [state](Json::Value& root, const std::string& name) {
-                                        root[name]["SubscriptionStateAfterRetry"] = state;
-                                        RF_LOG(kLogDebug, "[%s():%d]updated subscription file");
-                                    });
+    int status = rfevent::modifySubscription(
+        RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
+        [state](Json::Value& root, const std::string& name, SourceSpot spot) {
+            root[name]["SubscriptionStateAfterRetry"] = state;
+            RF_LOG_AT(spot, kLogDebug, "[%s():%d]updated subscription file");
+        });
     RF_EXIT();
     return status;
 }
