@@ -38,7 +38,7 @@ void applyRetryPolicy(const std::string& id, const Json::Value& subscription) {
         RF_LOG(kLogDebug, "[%s():%d]No change to the subscription: %s \n", id.c_str());
         return;
     }
-    int status = rfevent::enforceRetryPolicy(RF_HERE, policy, id.c_str());
+    int status = enforceRetryPolicy(RF_HERE, policy, id);
     if (policy == rfevent::RetryPolicy::Terminate) {
         if (status == 0) {
             RF_LOG(kLogDebug, "[%s():%d]Terminating subscription success");

@@ -90,6 +90,7 @@ DeliveryTarget* makeTarget(const std::string& id, const Json::Value& subscriptio
     }
     target->destination = copyText(subscription["Destination"].asString());
     target->subscriptionId = copyText(id);
+    target->subscriptionIdLength = id.size();
     target->retryPolicy = copyText(subscription["DeliveryRetryPolicy"].asString());
     target->subscription = new Json::Value(subscription);
     return target;
@@ -135,7 +136,8 @@ void queueFailures(const std::vector<DeliveryTarget*>& group, const char* report
             continue;
         }
         record->destination = copyText(target->destination);
-        record->subscriptionId = copyText(target->subscriptionId);
+        record->subscriptionId = copyText(recordSubscriptionId(*target));
+        record->subscriptionIdLength = target->subscriptionIdLength;
         record->retryPolicy = copyText(target->retryPolicy);
         record->subscription = new Json::Value(*target->subscription);
         record->report = copyText(report);

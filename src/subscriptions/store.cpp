@@ -26,15 +26,11 @@ const char* storePath() {
 }
 
 // The first top-level member whose name is exactly id, or nullptr.
-const Json::Value* findSubscription(const Json::Value& root, const char* id,
+const Json::Value* findSubscription(const Json::Value& root, const std::string& id,
                                     std::string& matchedName) {
-    if (!root.isObject()) {
-        return nullptr;
-    }
     for (auto it = root.begin(); it != root.end(); ++it) {
-        std::string name = it.name();
-        if (name.size() == std::strlen(id) && name == id) {
-            matchedName = name;
+        if (it.name() == id) {
+            matchedName = it.name();
             return &*it;
         }
     }
@@ -124,7 +120,8 @@ const StoreTexts kAddInvalidTexts = {"Subscription file does not exist\n",
 // spot to log under), rewrite the store.
 // 0 when rewritten, -1 when the store is absent, does not parse or lacks the subscription.
 template <typename Change>
-int modifySubscription(SourceSpot spot, const StoreTexts& texts, const char* id, Change change) {
+int modifySubscription(SourceSpot spot, const StoreTexts& texts, const std::string& id,
+                       Change change) {
     const JsonFileTexts fileTexts = {kLogDebug, texts.missing, texts.present, texts.unparsable,
                                      "subscriber File Data Parsed Successfully\n"};
     Json::Value root;
@@ -145,7 +142,7 @@ int modifySubscription(SourceSpot spot, const StoreTexts& texts, const char* id,
 
 } // namespace
 
-int removeSubscription(const char* subscriptionId) {
+int removeSubscription(const std::string& subscriptionId) {
     RF_ENTER();
     int status = rfevent::modifySubscription(
         RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
@@ -158,7 +155,7 @@ int removeSubscription(const char* subscriptionId) {
     return status;
 }
 
-int addInvalidMemberinSubscription(const char* subscriptionId) {
+int addInvalidMemberinSubscription(const std::string& subscriptionId) {
     RF_ENTER();
     int status =
         rfevent::modifySubscription(RF_HERE, rfevent::kAddInvalidTexts, subscriptionId,
@@ -169,7 +166,7 @@ int addInvalidMemberinSubscription(const char* subscriptionId) {
     return status;
 }
 
-int setSubscriptionState(const char* subscriptionId, const char* state) {
+int setSubscriptionState(const std::string& subscriptionId, const char* state) {
     RF_ENTER();
     int status = rfevent::modifySubscription(
         RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
