@@ -2,6 +2,8 @@
 
 #include <memory>
 
+#include <json/json.h>
+
 #include "platform/log.h"
 
 using rfevent::kLogDebug;
