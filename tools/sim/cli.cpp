@@ -179,8 +179,9 @@ void printUsage(std::ostream& out) {
         out << "  " << info.synopsis << "\n";
     }
     out << "\nOptions:\n"
-           "  --plugin PATH      plug-in to load (default: ../src/libredfishevent.so next to this\n"
-           "                     program, then ../lib/libredfishevent.so)\n"
+           "  --plugin PATH      plug-in to load (default, from this program's folder: "
+        << kBuildTreePlugin << ",\n                     then " << kInstalledPlugin
+        << ")\n"
            "  --root DIR         sandbox root to prepare and keep (default: a temporary folder)\n"
            "  --timeout SECONDS  longest wait for the deliveries of one step (default 12)\n"
            "  -v, --verbose      print every delivered document\n"

@@ -99,13 +99,13 @@ std::string Simulation::locatePlugin() const {
         return "libredfishevent.so";
     }
     fs::path dir = self.parent_path();
-    for (const char* candidate : {"../src/libredfishevent.so", "../lib/libredfishevent.so"}) {
+    for (const char* candidate : {kBuildTreePlugin, kInstalledPlugin}) {
         fs::path path = (dir / candidate).lexically_normal();
         if (fs::exists(path)) {
             return path.string();
         }
     }
-    return (dir / "../src/libredfishevent.so").lexically_normal().string();
+    return (dir / kBuildTreePlugin).lexically_normal().string();
 }
 
 bool Simulation::loadPlugin() {
