@@ -35,14 +35,14 @@ install(TARGETS rfevent_headers EXPORT rfeventTargets COMPONENT dev)
 install(EXPORT rfeventTargets NAMESPACE rfevent:: DESTINATION ${rfevent_cmake_dir} COMPONENT dev)
 
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/install/rfeventConfig.cmake.in
-                              ${PROJECT_BINARY_DIR}/install/rfeventConfig.cmake
+                              ${PROJECT_BINARY_DIR}/package/rfeventConfig.cmake
                               INSTALL_DESTINATION ${rfevent_cmake_dir}
                               PATH_VARS CMAKE_INSTALL_INCLUDEDIR CMAKE_INSTALL_LIBDIR)
 # The package holds a header only, the same for every architecture.
-write_basic_package_version_file(${PROJECT_BINARY_DIR}/install/rfeventConfigVersion.cmake
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/package/rfeventConfigVersion.cmake
                                  COMPATIBILITY SameMajorVersion ARCH_INDEPENDENT)
-install(FILES ${PROJECT_BINARY_DIR}/install/rfeventConfig.cmake
-              ${PROJECT_BINARY_DIR}/install/rfeventConfigVersion.cmake
+install(FILES ${PROJECT_BINARY_DIR}/package/rfeventConfig.cmake
+              ${PROJECT_BINARY_DIR}/package/rfeventConfigVersion.cmake
         DESTINATION ${rfevent_cmake_dir} COMPONENT dev)
 
 # pkg-config: rfevent gives the header's include path (enough for C, and for C++ that does not
@@ -53,10 +53,10 @@ foreach(pc rfevent rfevent-json)
     install(CODE "
         include(\"${PROJECT_SOURCE_DIR}/cmake/install/PkgConfigFile.cmake\")
         rfevent_write_pkgconfig(\"${PROJECT_SOURCE_DIR}/cmake/install/${pc}.pc.in\"
-            \"${PROJECT_BINARY_DIR}/install/${pc}.pc\" \"${PROJECT_VERSION}\"
+            \"${PROJECT_BINARY_DIR}/package/${pc}.pc\" \"${PROJECT_VERSION}\"
             \"${CMAKE_INSTALL_LIBDIR}\" \"${CMAKE_INSTALL_INCLUDEDIR}\")"
             COMPONENT dev)
-    install(FILES ${PROJECT_BINARY_DIR}/install/${pc}.pc DESTINATION ${rfevent_pkgconfig_dir}
+    install(FILES ${PROJECT_BINARY_DIR}/package/${pc}.pc DESTINATION ${rfevent_pkgconfig_dir}
             COMPONENT dev)
 endforeach()
 
