@@ -31,6 +31,8 @@ inline constexpr const char* kInstalledPlugin = RFEVENT_SIM_INSTALLED_PLUGIN;
 // Parses argv; on bad input returns false with the reason in `error`.
 bool parseCommandLine(int argc, char** argv, CommandLine& out, std::string& error);
 void printUsage(std::ostream& out);
+// What a usage error prints: the reason in one line, and where the usage is.
+void printUsageError(std::ostream& out, const std::string& error);
 
 } // namespace rfevent::sim
 
