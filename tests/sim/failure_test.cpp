@@ -2,15 +2,21 @@
 // no success line, and the documented exit status.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <string>
 #include <vector>
 
+#include "harness/sandbox.h"
 #include "sim/sim_run.h"
 
 namespace {
 
 using rfevent::testkit::runSimulator;
+using rfevent::testkit::sandboxRoot;
+using rfevent::testkit::shellQuoted;
 using rfevent::testkit::SimRun;
+
+constexpr const char* kSuccess = "every expected delivery arrived";
 
 std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> out;
@@ -69,6 +75,67 @@ TEST_F(SimulatorFailureTest, ReplayIdMustBeAReportSequence) {
     SimRun empty = runSimulator("replay 7 ''");
     EXPECT_EQ(empty.status, 2);
     EXPECT_NE(empty.err.find("replay FILTER must not be empty"), std::string::npos);
+}
+
+// Input the command cannot use ends the run before anything is set up: one line on stderr
+// with the reason, nothing on stdout, status 2.
+TEST_F(SimulatorFailureTest, UnusableInputStopsTheRunWithItsReason) {
+    std::string empty = sandboxRoot() + "/empty.json";
+    std::ofstream(empty).close();
+    std::string large = sandboxRoot() + "/large.json";
+    std::ofstream(large) << std::string(1024, ' ');
+    struct Case {
+        std::string arguments;
+        std::string reason;
+    };
+    for (const Case& c :
+         {Case{"report NoSuchReport", "rfevent-sim: no report \"NoSuchReport\" in the telemetry "
+                                      "database; it holds: PowerMetrics ThermalMetrics\n"},
+          Case{"test-report /nonexistent/report.json",
+               "rfevent-sim: cannot read /nonexistent/report.json: No such file or directory\n"},
+          Case{"test-report " + shellQuoted(sandboxRoot()),
+               "rfevent-sim: cannot read " + sandboxRoot() + ": Is a directory\n"},
+          Case{"test-report " + shellQuoted(empty),
+               "rfevent-sim: " + empty +
+                   " is empty; a test report is a report JSON of 1 to 1023 bytes\n"},
+          Case{"test-report " + shellQuoted(large),
+               "rfevent-sim: " + large +
+                   " holds more than 1023 bytes; a test report is a report JSON of 1 to 1023 "
+                   "bytes\n"}}) {
+        SimRun run = runSimulator(c.arguments);
+        SCOPED_TRACE(c.arguments + "\n" + run.output);
+        EXPECT_EQ(run.status, 2);
+        EXPECT_EQ(run.err, c.reason);
+        EXPECT_EQ(run.out, "");
+        EXPECT_EQ(run.output.find(kSuccess), std::string::npos);
+    }
+}
+
+// Deliveries that do not arrive in time: status 1, the gaps in the summary, the reason on
+// stderr. The plug-in posts a report about 2 s after its announcement, later than 1 s.
+TEST_F(SimulatorFailureTest, MissingDeliveriesFailWithTheReasonOnStderr) {
+    SimRun run = runSimulator("--timeout 1 report PowerMetrics");
+    SCOPED_TRACE(run.output);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.out.find("Result: 2 expectation(s) not met\n"), std::string::npos);
+    EXPECT_NE(run.out.find("  - destination reports: 0 of 1\n"), std::string::npos);
+    EXPECT_EQ(run.err, "rfevent-sim: 2 expectation(s) not met; the summary above lists them\n");
+    EXPECT_EQ(run.output.find(kSuccess), std::string::npos);
+}
+
+// A replay that matches no stored report expects nothing, and says so instead of success.
+TEST_F(SimulatorFailureTest, ReplayOfAnUnknownSequenceClaimsNoSuccess) {
+    SimRun run =
+        runSimulator("replay 17 \"MetricReportDefinition eq "
+                     "'/redfish/v1/TelemetryService/MetricReportDefinitions/PowerMetrics'\"");
+    SCOPED_TRACE(run.output);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_NE(run.out.find("has sequence 7, not 17: the plug-in should send nothing"),
+              std::string::npos);
+    EXPECT_NE(run.out.find("PowerMetrics (sequence 7) ThermalMetrics (sequence 12)"),
+              std::string::npos);
+    EXPECT_NE(run.out.find("Result: no delivery was expected\n"), std::string::npos);
+    EXPECT_EQ(run.out.find(kSuccess), std::string::npos);
 }
 
 TEST_F(SimulatorFailureTest, HelpStillPrintsTheWholeUsage) {

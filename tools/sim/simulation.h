@@ -42,6 +42,9 @@ class Simulation {
     int finish(int status);
 
     // scenario.cpp: the commands.
+    // What the command takes from outside (a report name, a file), checked before anything
+    // is set up; returns why it cannot run, or "".
+    std::string checkInput();
     int runCommand();
     void demo();
     void listen();
@@ -68,6 +71,7 @@ class Simulation {
     PluginHost plugin_;
     testkit::TestPki pki_;
     Json::Value sseSubscriptions_;
+    std::string testReport_; // the test-report command's file, read by checkInput()
     bool stepFailed_ = false;
     int stepStartShortfall_ = 0;
     int stepStartExpected_ = 0;
