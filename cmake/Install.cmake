@@ -4,7 +4,7 @@
 #   runtime  the plug-in and the stand-alone platform library: what a firmware image ships
 #   dev      the public header, pkg-config files rfevent and rfevent-json, the CMake package
 #            (find_package(rfevent CONFIG), target rfevent::headers) and the licence
-#   tools    the host simulator, for a workstation
+#   tools    the host simulator and its sample test report, for a workstation
 #
 # `cmake --install build --component runtime` installs the first alone; without --component
 # every component is installed. Tests, benchmarks and the leak-check host are never installed.
@@ -65,4 +65,6 @@ install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} 
 # tools
 if(TARGET rfevent-sim)
     install(TARGETS rfevent-sim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+    install(FILES ${PROJECT_SOURCE_DIR}/tools/sim/samples/report.json
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/rfevent/samples COMPONENT tools)
 endif()

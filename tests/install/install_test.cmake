@@ -58,7 +58,7 @@ set(dev_files
     ${DOCDIR}/LICENSE)
 set(tools_files "")
 if(WITH_TOOLS)
-    set(tools_files ${BINDIR}/rfevent-sim)
+    set(tools_files ${BINDIR}/rfevent-sim ${DATADIR}/rfevent/samples/report.json)
 endif()
 set(all_files ${runtime_files} ${dev_files} ${tools_files})
 

@@ -1,5 +1,6 @@
 // How the simulator ends a run that cannot do what was asked: the reason on standard error,
-// no success line, and the documented exit status.
+// no success line, and the documented exit status; and the README's examples, which must run
+// as written in a fresh sandbox.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -136,6 +137,33 @@ TEST_F(SimulatorFailureTest, ReplayOfAnUnknownSequenceClaimsNoSuccess) {
               std::string::npos);
     EXPECT_NE(run.out.find("Result: no delivery was expected\n"), std::string::npos);
     EXPECT_EQ(run.out.find(kSuccess), std::string::npos);
+}
+
+#ifdef RFEVENT_SIM_SAMPLES
+// The README's example: the shipped sample report through the test pipe.
+TEST_F(SimulatorFailureTest, SampleTestReportIsDelivered) {
+    SimRun run = runSimulator("test-report " +
+                              shellQuoted(std::string(RFEVENT_SIM_SAMPLES) + "/report.json"));
+    SCOPED_TRACE(run.output);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_NE(run.out.find(std::string("Result: ") + kSuccess), std::string::npos);
+    EXPECT_NE(run.out.find("PowerMetrics (seq 21)"), std::string::npos);
+    EXPECT_EQ(run.err, "");
+}
+#endif
+
+// The README's example: in a fresh sandbox the CPU-register report is announced first, and
+// its sequence 1 is then replayed whole.
+TEST_F(SimulatorFailureTest, ReplayInAFreshSandboxHasAReportToReplay) {
+    SimRun run =
+        runSimulator("replay 1 \"MetricReportDefinition eq "
+                     "'/redfish/v1/TelemetryService/MetricReportDefinitions/CPURegisters'\"");
+    SCOPED_TRACE(run.output);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_NE(run.out.find("announced first, to have one to replay"), std::string::npos);
+    EXPECT_NE(run.out.find("report \"CPURegisters\" sequence 1: the whole report is replayed"),
+              std::string::npos);
+    EXPECT_NE(run.out.find(std::string("Result: ") + kSuccess), std::string::npos);
 }
 
 TEST_F(SimulatorFailureTest, HelpStillPrintsTheWholeUsage) {

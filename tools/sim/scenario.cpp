@@ -156,6 +156,7 @@ int Simulation::runCommand() {
         expectLogReport(kSseCpuFilter);
         announce("CPURegisters") && waitForStep();
     } else if (command == "replay") {
+        produceLogReportFor(args[1]);
         stepHeader("Last-Event-ID replay");
         expectReplay(args[0], args[1]);
         requestReplay(args[0], args[1]) && waitForStep();
@@ -343,6 +344,26 @@ bool Simulation::requestReplay(const std::string& id, const std::string& filter)
         return false;
     }
     return true;
+}
+
+// The serial-log and CPU-register reports exist only once announced. A replay of one that the
+// sandbox does not hold yet announces it first, as the demo does, so that a fresh sandbox has
+// a report to replay (the first one has sequence 1). The names are the plug-in's: it reads
+// these two reports from their files only for exactly "seriallog" and "CPURegisters".
+void Simulation::produceLogReportFor(const std::string& filter) {
+    std::string name = replayReportName(filter);
+    bool cpu = name == "CPURegisters";
+    if (!cpu && name != "seriallog") {
+        return;
+    }
+    if (!readTextFile(sandbox_->path(cpu ? paths::kCpuRegisterReport : paths::kSerialLogReport))
+             .empty()) {
+        return;
+    }
+    stepHeader(cpu ? "CPU-register report" : "Serial-log report");
+    note("the sandbox holds no " + name + " report yet: announced first, to have one to replay");
+    expectLogReport(cpu ? kSseCpuFilter : kSseSerialFilter);
+    announce(cpu ? "CPURegisters" : "seriallog") && waitForStep();
 }
 
 bool Simulation::expectReplay(const std::string& id, const std::string& filter) {

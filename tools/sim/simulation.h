@@ -60,6 +60,7 @@ class Simulation {
     bool announce(const std::string& name);
     bool sendTestReport(const std::string& json);
     bool requestReplay(const std::string& id, const std::string& filter);
+    void produceLogReportFor(const std::string& filter);
     bool expectReplay(const std::string& id, const std::string& filter);
     int testReportCommand(const std::string& file);
     int reportCommand(const std::string& name);
