@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -47,33 +46,21 @@ void renderPeer(const addrinfo* entry, char* out, socklen_t outSize) {
 // How long the SSE stream server may take to accept a connection, and to take a piece. A
 // server that stops accepting must not hold the callers (the alert entry among them) for the
 // minutes the kernel would keep trying.
-constexpr int kConnectTimeoutMs = 2000;
-constexpr int kSendTimeoutSeconds = 2;
+constexpr int kTimeoutSeconds = 2;
 
 // How the last piece sent on this thread fared.
 enum class PieceResult { Sent, Failed, NotAccepted };
 thread_local PieceResult t_lastPiece = PieceResult::Sent;
 
-// Connects fd to address, waiting at most kConnectTimeoutMs; 0 or the errno of the failure.
+// Connects fd to address; 0 or the errno of the failure. The socket's send time-out bounds
+// the connect as well (a connect it cuts short is reported as timed out), and then every send.
 int connectBounded(int fd, const addrinfo* address) {
-    const int flags = fcntl(fd, F_GETFL);
-    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-    int error = connect(fd, address->ai_addr, address->ai_addrlen) == 0 ? 0 : errno;
-    if (error == EINPROGRESS) {
-        pollfd wait = {fd, POLLOUT, 0};
-        int ready = 0;
-        do {
-            ready = poll(&wait, 1, kConnectTimeoutMs);
-        } while (ready < 0 && errno == EINTR);
-        socklen_t length = sizeof error;
-        if (ready == 0) {
-            error = ETIMEDOUT;
-        } else if (ready < 0 || getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
-            error = errno;
-        }
+    const timeval limit = {kTimeoutSeconds, 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    if (connect(fd, address->ai_addr, address->ai_addrlen) == 0) {
+        return 0;
     }
-    fcntl(fd, F_SETFL, flags);
-    return error;
+    return errno == EINPROGRESS ? ETIMEDOUT : errno;
 }
 
 // One send of the whole text, repeated only when interrupted before anything went out.
@@ -121,8 +108,6 @@ PieceResult sendOverFreshConnection(const char* msg) {
     RF_LOG(kLogInfo, "[%s():%d]client: connecting to %s\n", peer);
     results.reset();
 
-    const timeval sendLimit = {kSendTimeoutSeconds, 0};
-    setsockopt(socketFd.get(), SOL_SOCKET, SO_SNDTIMEO, &sendLimit, sizeof sendLimit);
     std::size_t length = std::strlen(msg);
     RF_LOG(kLogError, "[%s():%d]buf length: %d", static_cast<int>(length));
     ssize_t sent = sendOnce(socketFd.get(), msg, length);

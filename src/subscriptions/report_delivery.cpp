@@ -11,6 +11,7 @@
 #include "delivery/parallel_post.h"
 #include "subscriptions/invalid_dest.h"
 #include "subscriptions/store.h"
+#include "subscriptions/subscription.h"
 
 namespace rfevent {
 
@@ -50,8 +51,7 @@ bool isSelected(const std::string& id, const Json::Value& subscription, const ch
     if (subscription["SubscriptionType"].asString() == "Syslog") {
         return false;
     }
-    if (subscription.isMember("SubscriptionStateAfterRetry") &&
-        subscription["SubscriptionStateAfterRetry"].asString() == "Disabled") {
+    if (subscriptionState(subscription) == SubscriptionState::Disabled) {
         RF_LOG(kLogDebug, "[%s():%d]Disabled subscription found, skipping...");
         return false;
     }
@@ -102,8 +102,8 @@ void selectTargets(const Json::Value& store, const char* report,
     for (auto it = store.begin(); it != store.end(); ++it) {
         const std::string id = it.name();
         const Json::Value& subscription = *it;
-        if (!subscription.isObject()) {
-            continue; // not a subscription: nothing to read from it
+        if (!isUsableSubscription(RF_HERE, id, subscription)) {
+            continue;
         }
         if (!isSelected(id, subscription, report)) {
             continue;
