@@ -32,6 +32,7 @@ struct HttpsServerOptions {
         true;         // handshake fails without a client certificate signed by the test CA
     int status = 200; // status of every answer; see HttpsServer::setStatus
     int delayMs = 0;  // pause between reading a request and answering it
+    std::size_t responseBodyBytes = 0; // the answer's body: this many bytes of 'x'
 };
 
 // One received request, exactly as it arrived.
