@@ -148,7 +148,8 @@ int removeSubscription(const std::string& subscriptionId) {
         RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
         [](Json::Value& root, const std::string& name, SourceSpot spot) {
             releaseTelemetrySlot(root[name]);
-            root.removeMember(name);
+            // By its whole name: the library's string form would stop at a NUL byte.
+            root.removeMember(name.data(), name.data() + name.size(), nullptr);
             RF_LOG_AT(spot, kLogDebug, "[%s():%d]recreated subscription file");
         });
     RF_EXIT();
