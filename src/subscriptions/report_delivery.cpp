@@ -1,4 +1,5 @@
 #include "subscriptions/report_delivery.h"
+#include "subscriptions/report_delivery_internal.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -96,29 +97,6 @@ DeliveryTarget* makeTarget(const std::string& id, const Json::Value& subscriptio
     return target;
 }
 
-// Selects the targets of the report, in the store's member order.
-void selectTargets(const Json::Value& store, const char* report,
-                   std::vector<DeliveryTarget*>& targets) {
-    for (auto it = store.begin(); it != store.end(); ++it) {
-        const std::string id = it.name();
-        const Json::Value& subscription = *it;
-        if (!isUsableSubscription(RF_HERE, id, subscription)) {
-            continue;
-        }
-        if (!isSelected(id, subscription, report)) {
-            continue;
-        }
-        if (!subscription.isMember("Destination")) {
-            RF_LOG(kLogDebug, "[%s():%d]Could not find valid [%s] in [%s] subscription.",
-                   "Destination", id.c_str());
-            continue;
-        }
-        if (DeliveryTarget* target = makeTarget(id, subscription)) {
-            targets.push_back(target);
-        }
-    }
-}
-
 // Queues every target of one pass whose transfer failed, for the retry thread.
 void queueFailures(const std::vector<DeliveryTarget*>& group, const char* report) {
     for (const DeliveryTarget* target : group) {
@@ -146,6 +124,29 @@ void queueFailures(const std::vector<DeliveryTarget*>& group, const char* report
 }
 
 } // namespace
+
+// Selects the targets of the report, in the store's member order.
+void selectTargets(const Json::Value& store, const char* report,
+                   std::vector<DeliveryTarget*>& targets) {
+    for (auto it = store.begin(); it != store.end(); ++it) {
+        const std::string id = it.name();
+        const Json::Value& subscription = *it;
+        if (!isUsableSubscription(RF_HERE, id, subscription)) {
+            continue;
+        }
+        if (!isSelected(id, subscription, report)) {
+            continue;
+        }
+        if (!subscription.isMember("Destination")) {
+            RF_LOG(kLogDebug, "[%s():%d]Could not find valid [%s] in [%s] subscription.",
+                   "Destination", id.c_str());
+            continue;
+        }
+        if (DeliveryTarget* target = makeTarget(id, subscription)) {
+            targets.push_back(target);
+        }
+    }
+}
 
 int send_report_to_subscription(const char* report) {
     RF_ENTER();
