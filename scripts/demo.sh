@@ -5,6 +5,6 @@ cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 build=${BUILD_DIR:-build}
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRFEVENT_BUILD_TOOLS=ON >/dev/null
 cmake --build "$build" -j"$(nproc)"
 exec "$build/tools/rfevent-sim" --plugin "$build/src/libredfishevent.so" demo "$@"

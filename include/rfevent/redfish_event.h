@@ -56,7 +56,12 @@ RFEVENT_API char* MapFQDDToRedfishURI(const char* fqdd, char* buffer, uint32_t s
 #include <fstream>
 #include <string>
 
-#include <json/json.h>
+// The JSON reader's parse forms take jsoncpp's value by reference, so a declaration is all
+// this header needs: a host that includes it compiles without jsoncpp's headers, and one
+// that calls RF_Json_Reader::parse includes <json/json.h> for the value it passes.
+namespace Json {
+class Value;
+} // namespace Json
 
 // Percent-encodes space, colon and vertical bar in place; every other character is kept.
 RFEVENT_API void GetEncodedURIsegment(std::string& segment);

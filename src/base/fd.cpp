@@ -1,6 +1,9 @@
 #include "base/fd.h"
 
 #include <errno.h>
+#include <pthread.h>
+#include <signal.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace rfevent {
@@ -30,6 +33,27 @@ ssize_t writeOnce(int fd, const void* data, std::size_t length) {
     do {
         written = ::write(fd, data, length);
     } while (written < 0 && errno == EINTR);
+    return written;
+}
+
+ssize_t writeWithoutSigpipe(int fd, const void* data, std::size_t length) {
+    sigset_t pipeOnly;
+    sigemptyset(&pipeOnly);
+    sigaddset(&pipeOnly, SIGPIPE);
+    sigset_t pending;
+    sigpending(&pending);
+    const bool pendingBefore = sigismember(&pending, SIGPIPE) == 1;
+    sigset_t saved;
+    pthread_sigmask(SIG_BLOCK, &pipeOnly, &saved);
+    const ssize_t written = writeOnce(fd, data, length);
+    const int error = errno;
+    if (written < 0 && error == EPIPE && !pendingBefore) {
+        const timespec noWait = {0, 0};
+        while (sigtimedwait(&pipeOnly, nullptr, &noWait) < 0 && errno == EINTR) {
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    errno = error;
     return written;
 }
 

@@ -33,6 +33,12 @@ class UniqueFd {
 // was written. The result is write()'s.
 ssize_t writeOnce(int fd, const void* data, std::size_t length);
 
+// writeOnce that cannot raise SIGPIPE in the process when the reader is gone: SIGPIPE is
+// blocked in the calling thread for the write, and one the write raised is taken back before
+// the thread's mask is restored. The host's own handling of SIGPIPE is never touched. The
+// result and errno are the write's.
+ssize_t writeWithoutSigpipe(int fd, const void* data, std::size_t length);
+
 // Writes the whole buffer, continuing after short writes and interruptions; false on an error
 // (errno tells which).
 bool writeAll(int fd, const void* data, std::size_t length);

@@ -54,6 +54,22 @@ bool prepareTransfers(TransferTables& tables, const char* body,
     return true;
 }
 
+// A URL as libcurl writes it back after parsing it, the way a transfer's effective URL reads
+// (a destination without a path gets "/"); the text itself when libcurl cannot parse it.
+std::string normalisedUrl(const char* url) {
+    CurlUrl handle(curl_url());
+    if (handle == nullptr || curl_url_set(handle.get(), CURLUPART_URL, url, 0) != CURLUE_OK) {
+        return url;
+    }
+    char* text = nullptr;
+    if (curl_url_get(handle.get(), CURLUPART_URL, &text, 0) != CURLUE_OK || text == nullptr) {
+        return url;
+    }
+    std::string normalised = text;
+    curl_free(text);
+    return normalised;
+}
+
 // The wait before the next poll: libcurl's own time-out when it has one, at most about a second.
 timeval pollWait(CURLM* multi) {
     timeval wait = {};
@@ -170,13 +186,12 @@ void countDeliveryFailure(std::vector<DeliveryTarget*>& targets, const char* url
     if (url == nullptr) {
         return;
     }
-    const std::size_t length = std::strlen(url);
+    const std::string effective = normalisedUrl(url);
     for (DeliveryTarget* target : targets) {
         if (target == nullptr || target->destination == nullptr) {
             continue;
         }
-        if (std::strncmp(target->destination, url, length) == 0 &&
-            std::strlen(target->destination) == length) {
+        if (normalisedUrl(target->destination) == effective) {
             target->failureCount++;
             return;
         }

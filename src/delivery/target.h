@@ -3,7 +3,9 @@
 #define RFEVENT_DELIVERY_TARGET_H
 
 #include <cstdint>
+#include <cstddef>
 #include <cstdlib>
+#include <string>
 
 #include <json/json.h>
 
@@ -20,7 +22,19 @@ struct DeliveryTarget {
     int32_t failureCount;
     char* retryPolicy;
     Json::Value* subscription; // heap copy, deleted with the record
+    // Bytes of subscriptionId when the id holds NUL bytes; 0 when it is a plain C text.
+    std::size_t subscriptionIdLength;
 };
+
+// The whole subscription id a record holds.
+template <typename Record> std::string recordSubscriptionId(const Record& record) {
+    if (record.subscriptionId == nullptr) {
+        return std::string();
+    }
+    return record.subscriptionIdLength != 0
+               ? std::string(record.subscriptionId, record.subscriptionIdLength)
+               : std::string(record.subscriptionId);
+}
 
 // Frees the texts and the subscription copy a delivery record owns, logging the copy's
 // pointer first (its low 32 bits, as the format has always printed it) under spot. The

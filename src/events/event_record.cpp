@@ -1,5 +1,6 @@
 #include "events/event_record.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -152,6 +153,12 @@ Json::Value composeAlertEvent(const DataEventHeader* header, const std::string& 
     }
     addOriginOfCondition(event, header);
     return event;
+}
+
+std::string shortText(const Json::Value& value) {
+    constexpr std::size_t kShortTextSize = 20;
+    const std::string text = value.asString();
+    return text.substr(0, std::min(text.find('\0'), kShortTextSize - 1));
 }
 
 Json::Value eventDocument(const std::string& number, const Json::Value& id,

@@ -42,6 +42,10 @@ std::string eventTimestamp();
 Json::Value composeAlertEvent(const DataEventHeader* header, const std::string& timestamp,
                               const Json::Value* context, bool* specialMessage);
 
+// A subscription's text as the 20-byte buffer of the alert paths holds it: up to its first NUL
+// byte, at most 19 characters.
+std::string shortText(const Json::Value& value);
+
 // The Event document around one event object, the same for both alert paths: "@odata.id"
 // ends with number, "Id" is id, "Context" is set only when context is given, and "Oem" carries
 // the vendor block.

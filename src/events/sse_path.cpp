@@ -11,12 +11,11 @@
 #include "events/event_record.h"
 #include "platform/platform.h"
 #include "sse/transport.h"
+#include "subscriptions/subscription.h"
 
 namespace rfevent {
 
 namespace {
-
-constexpr size_t kShortTextSize = 20;
 
 // Numbers the alerts of this process for SSE clients, from 1.
 std::atomic<uint32_t> sseEventCounter{0};
@@ -72,6 +71,11 @@ void sendRedFishEvent_SSE(DataEventHeader* header, void* eventContext) {
 
     bool frameSent = false;
     for (auto it = subscriptions.begin(); it != subscriptions.end(); ++it) {
+        if (!it->isObject()) {
+            RF_LOG(kLogError, "[%s():%d]SSE subscription %s skipped: not an object",
+                   it.name().c_str());
+            continue;
+        }
         const Json::Value& eventTypes = (*it)["EventTypes"];
         if (!eventTypes.isArray()) {
             RF_LOG(kLogDebug, "[%s():%d]EventType is not an array\n");
@@ -80,10 +84,13 @@ void sendRedFishEvent_SSE(DataEventHeader* header, void* eventContext) {
         if (eventTypes.empty()) {
             break; // later subscriptions get nothing for this alert
         }
+        if (!holdsOnlyText(RF_HERE, it.name(), eventTypes, "EventTypes")) {
+            continue;
+        }
         // Until the first frame of this call every element is searched; after it only a
         // leading "Alert" counts.
         for (Json::ArrayIndex i = 0; i < eventTypes.size(); ++i) {
-            if (eventTypes[i].asString().substr(0, kShortTextSize - 1) == "Alert") {
+            if (shortText(eventTypes[i]) == "Alert") {
                 RF_LOG(kLogDebug, "[%s():%d]Event Type is Alert\n");
                 sendFrame(call);
                 frameSent = true;

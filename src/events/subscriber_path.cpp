@@ -9,18 +9,13 @@
 #include "events/event_record.h"
 #include "platform/platform.h"
 #include "subscriptions/retry_policy.h"
+#include "subscriptions/subscription.h"
 
 namespace rfevent {
 
 namespace {
 
-constexpr size_t kShortTextSize = 20;
 constexpr size_t kDestinationSize = 2048;
-
-// The value's text cut as a 20-byte buffer holds it.
-std::string shortText(const Json::Value& value) {
-    return value.asString().substr(0, kShortTextSize - 1);
-}
 
 struct AlertCall {
     const DataEventHeader* header;
@@ -38,7 +33,7 @@ void applyRetryPolicy(const std::string& id, const Json::Value& subscription) {
         RF_LOG(kLogDebug, "[%s():%d]No change to the subscription: %s \n", id.c_str());
         return;
     }
-    int status = rfevent::enforceRetryPolicy(RF_HERE, policy, id.c_str());
+    int status = enforceRetryPolicy(RF_HERE, policy, id);
     if (policy == rfevent::RetryPolicy::Terminate) {
         if (status == 0) {
             RF_LOG(kLogDebug, "[%s():%d]Terminating subscription success");
@@ -75,6 +70,9 @@ void deliver(AlertCall& call, const std::string& id, const Json::Value& subscrip
 
 // Serves one subscription; false when the walk must stop (an empty "EventTypes").
 bool serveSubscription(AlertCall& call, const std::string& id, const Json::Value& subscription) {
+    if (!isUsableSubscription(RF_HERE, id, subscription)) {
+        return true;
+    }
     if (subscription.isMember("EventFormatType") &&
         shortText(subscription["EventFormatType"]) == "MetricReport") {
         RF_LOG(kLogDebug, "[%s():%d]SubscriptionId:%s is not Event as EventFormatType", id.c_str());
@@ -88,8 +86,10 @@ bool serveSubscription(AlertCall& call, const std::string& id, const Json::Value
     if (eventTypes.empty()) {
         return false; // later subscriptions get nothing for this alert
     }
-    if (subscription.isMember("SubscriptionStateAfterRetry") &&
-        subscription["SubscriptionStateAfterRetry"].asString() == "Disabled") {
+    if (!holdsOnlyText(RF_HERE, id, eventTypes, "EventTypes")) {
+        return true;
+    }
+    if (subscriptionState(subscription) == SubscriptionState::Disabled) {
         RF_LOG(kLogDebug, "[%s():%d]Disabled subscription found, skipping...");
         return true;
     }

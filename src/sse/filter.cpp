@@ -89,6 +89,10 @@ int filterEventsSSE(const char* report, std::list<std::string>& messages, std::s
         if (!record.isObject() || !record.isMember("Event-type")) {
             continue;
         }
+        if (!record["Event-type"].isString()) {
+            RF_LOG(kLogError, "[%s():%d]SSE subscription skipped: Event-type is not text");
+            continue;
+        }
         const std::string filter = record["Event-type"].asString();
         RF_LOG(kLogDebug, "[%s():%d]Event-Type: %s", filter.c_str());
         std::string message = filter;

@@ -6,14 +6,18 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 
+#include "base/fd.h"
 #include "base/log.h"
+#include "base/mutex_lock.h"
 #include "base/paths.h"
 
 namespace rfevent {
@@ -39,50 +43,93 @@ void renderPeer(const addrinfo* entry, char* out, socklen_t outSize) {
     }
 }
 
+// How long the SSE stream server may take to accept a connection, and to take a piece. A
+// server that stops accepting must not hold the callers (the alert entry among them) for the
+// minutes the kernel would keep trying.
+constexpr int kTimeoutSeconds = 2;
+
+// How the last piece sent on this thread fared.
+enum class PieceResult { Sent, Failed, NotAccepted };
+thread_local PieceResult t_lastPiece = PieceResult::Sent;
+
+// Connects fd to address; 0 or the errno of the failure. The socket's send time-out bounds
+// the connect as well (a connect it cuts short is reported as timed out), and then every send.
+int connectBounded(int fd, const addrinfo* address) {
+    const timeval limit = {kTimeoutSeconds, 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    if (connect(fd, address->ai_addr, address->ai_addrlen) == 0) {
+        return 0;
+    }
+    return errno == EINPROGRESS ? ETIMEDOUT : errno;
+}
+
+// One send of the whole text, repeated only when interrupted before anything went out.
+ssize_t sendOnce(int fd, const char* msg, std::size_t length) {
+    ssize_t sent = 0;
+    do {
+        // MSG_NOSIGNAL: a peer that already closed its end gives EPIPE here, not a SIGPIPE
+        // that would end the whole host process.
+        sent = send(fd, msg, length, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    return sent;
+}
+
 // Connects to the first resolved address and sends msg once. Called with sse_send_mutex held.
-void sendOverFreshConnection(const char* msg) {
+PieceResult sendOverFreshConnection(const char* msg) {
     addrinfo hints;
     std::memset(&hints, 0, sizeof hints);
     hints.ai_socktype = SOCK_STREAM;
-    addrinfo* results = nullptr;
-    int status = getaddrinfo(rfevent::sseHost(), rfevent::sseService(), &hints, &results);
+    addrinfo* resolved = nullptr;
+    int status = getaddrinfo(sseHost(), sseService(), &hints, &resolved);
     if (status != 0) {
         RF_LOG(kLogError, "[%s():%d]getaddrinfo: %s\n", gai_strerror(status));
-        return;
+        return PieceResult::Failed;
     }
-    const addrinfo* first = results;
-    sse_sock_fd = socket(first->ai_family, first->ai_socktype, first->ai_protocol);
-    if (sse_sock_fd == -1) {
+    std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> results(resolved, freeaddrinfo);
+    const addrinfo* first = results.get();
+    UniqueFd socketFd(
+        socket(first->ai_family, first->ai_socktype | SOCK_CLOEXEC, first->ai_protocol));
+    sse_sock_fd = socketFd.get();
+    if (!socketFd.valid()) {
         RF_LOG(kLogError, "[%s():%d]client: socket");
-        freeaddrinfo(results);
-        return;
+        return PieceResult::Failed;
     }
-    if (connect(sse_sock_fd, first->ai_addr, first->ai_addrlen) == -1) {
-        int error = errno;
-        close(sse_sock_fd);
+    int error = connectBounded(socketFd.get(), first);
+    if (error != 0) {
+        socketFd.reset();
         sse_sock_fd = -1;
-        freeaddrinfo(results);
+        results.reset();
         RF_LOG(kLogError, "[%s():%d]client: connect failure errorno:%d stderr:%s", error,
                strerror(error));
-        return;
+        return error == ETIMEDOUT ? PieceResult::NotAccepted : PieceResult::Failed;
     }
     char peer[kPeerAddressSize];
     renderPeer(first, peer, sizeof peer);
     RF_LOG(kLogInfo, "[%s():%d]client: connecting to %s\n", peer);
-    freeaddrinfo(results);
+    results.reset();
 
     std::size_t length = std::strlen(msg);
     RF_LOG(kLogError, "[%s():%d]buf length: %d", static_cast<int>(length));
-    // MSG_NOSIGNAL: a peer that already closed its end must give EPIPE here, not a SIGPIPE
-    // that would end the whole host process. It changes nothing in the bytes sent.
-    ssize_t sent = send(sse_sock_fd, msg, length, MSG_NOSIGNAL);
+    ssize_t sent = sendOnce(socketFd.get(), msg, length);
     if (sent == -1) {
         RF_LOG(kLogError, "[%s():%d]send error");
     } else {
         RF_LOG(kLogError, "[%s():%d]numbytes %d", static_cast<int>(sent));
     }
-    close(sse_sock_fd);
+    socketFd.reset();
     sse_sock_fd = -1;
+    return sent == -1 ? PieceResult::Failed : PieceResult::Sent;
+}
+
+// After a piece the stream server did not accept in time the rest of the message is dropped:
+// every further piece would wait as long again.
+bool serverStoppedAccepting() {
+    if (t_lastPiece != PieceResult::NotAccepted) {
+        return false;
+    }
+    RF_LOG(kLogError, "[%s():%d]SSE stream server accepts no connection; rest of the message "
+                      "dropped");
+    return true;
 }
 
 } // namespace
@@ -93,43 +140,44 @@ std::string messagePrefix(std::string_view message) {
 }
 
 void sendReportMessage(const std::string& message) {
-    if (message.size() <= static_cast<std::size_t>(kSsePieceSize)) {
-        send_to_sock_sse(message.c_str());
-        send_to_sock_sse((messagePrefix(message) + "<END>").c_str());
-    } else {
+    if (message.size() > static_cast<std::size_t>(kSsePieceSize)) {
         sse_chunk_send(message.c_str());
+        return;
+    }
+    send_to_sock_sse(message.c_str());
+    if (!serverStoppedAccepting()) {
+        send_to_sock_sse((messagePrefix(message) + "<END>").c_str());
     }
 }
 
 int send_to_sse(const char* msg) {
     int result = 0;
-    pthread_mutex_lock(&sse_send_mutex);
-    sse_fifo_fd = open(rfevent::fixedPath(rfevent::FixedPath::SseFifo), O_WRONLY | O_NONBLOCK);
-    if (sse_fifo_fd < 0) {
+    MutexLock lock(sse_send_mutex);
+    UniqueFd fifo(open(fixedPath(FixedPath::SseFifo), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    sse_fifo_fd = fifo.get();
+    if (!fifo.valid()) {
         RF_LOG(kLogError, "[%s():%d]SSE FIFO Open Error %s", strerror(errno));
-        result = 1;
-    } else {
-        RF_LOG(kLogInfo, "[%s():%d]Write FIFO");
-        // The NUL travels with the text: it is what separates messages in the pipe.
-        ssize_t written = write(sse_fifo_fd, msg, std::strlen(msg) + 1);
-        if (written < 1) {
-            int error = errno;
-            RF_LOG(kLogError, "[%s():%d]Write FIFO writeCount = %d errorno = %d stderr = %s",
-                   static_cast<int>(written), error, strerror(error));
-            result = 1;
-        }
-        close(sse_fifo_fd);
-        sse_fifo_fd = -1;
+        return 1;
     }
-    pthread_mutex_unlock(&sse_send_mutex);
+    RF_LOG(kLogInfo, "[%s():%d]Write FIFO");
+    // The NUL travels with the text: it is what separates messages in the pipe. A reader
+    // that went away between the open and the write gives EPIPE, never SIGPIPE.
+    ssize_t written = writeWithoutSigpipe(fifo.get(), msg, std::strlen(msg) + 1);
+    if (written < 1) {
+        int error = errno;
+        RF_LOG(kLogError, "[%s():%d]Write FIFO writeCount = %d errorno = %d stderr = %s",
+               static_cast<int>(written), error, strerror(error));
+        result = 1;
+    }
+    fifo.reset();
+    sse_fifo_fd = -1;
     return result;
 }
 
 int send_to_sock_sse(const char* msg) {
     RF_ENTER();
-    pthread_mutex_lock(&sse_send_mutex);
-    sendOverFreshConnection(msg);
-    pthread_mutex_unlock(&sse_send_mutex);
+    MutexLock lock(sse_send_mutex);
+    t_lastPiece = sendOverFreshConnection(msg);
     return 0;
 }
 
@@ -157,6 +205,9 @@ int sse_chunk_send(const char* msg) {
         }
         RF_LOG(kLogDebug, "[%s():%d]str:%s", chunk.c_str());
         send_to_sock_sse(chunk.c_str());
+        if (serverStoppedAccepting()) {
+            return 0;
+        }
     }
     send_to_sock_sse((prefix + "<END>").c_str());
     return 0;

@@ -45,7 +45,7 @@ void applyRetryPolicy(const InvalidDestinationRecord& record) {
     RF_LOG(kLogInfo, "[%s():%d]Retransmission uri = %s", record.destination);
     RF_LOG(kLogDebug, "[%s():%d]Suspending/Terminating/Adding invalid field to the subscription");
     const auto policy = parseRetryPolicy(record.retryPolicy != nullptr ? record.retryPolicy : "");
-    const char* id = record.subscriptionId != nullptr ? record.subscriptionId : "";
+    const std::string id = recordSubscriptionId(record);
     if (policy == RetryPolicy::Other) {
         RF_LOG(kLogDebug, "[%s():%d]Adding invalid field in subscription");
         addInvalidMemberinSubscription(id);

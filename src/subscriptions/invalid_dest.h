@@ -20,6 +20,8 @@ struct InvalidDestinationRecord {
     char* retryPolicy;
     Json::Value* subscription; // heap copy, deleted with the record
     char* report;
+    // Bytes of subscriptionId when the id holds NUL bytes; 0 when it is a plain C text.
+    std::size_t subscriptionIdLength;
 };
 
 // The queue, the destinations it holds (same order) and the mutex guarding both.

@@ -1,4 +1,5 @@
 #include "subscriptions/report_delivery.h"
+#include "subscriptions/report_delivery_internal.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include "delivery/parallel_post.h"
 #include "subscriptions/invalid_dest.h"
 #include "subscriptions/store.h"
+#include "subscriptions/subscription.h"
 
 namespace rfevent {
 
@@ -50,8 +52,7 @@ bool isSelected(const std::string& id, const Json::Value& subscription, const ch
     if (subscription["SubscriptionType"].asString() == "Syslog") {
         return false;
     }
-    if (subscription.isMember("SubscriptionStateAfterRetry") &&
-        subscription["SubscriptionStateAfterRetry"].asString() == "Disabled") {
+    if (subscriptionState(subscription) == SubscriptionState::Disabled) {
         RF_LOG(kLogDebug, "[%s():%d]Disabled subscription found, skipping...");
         return false;
     }
@@ -90,32 +91,10 @@ DeliveryTarget* makeTarget(const std::string& id, const Json::Value& subscriptio
     }
     target->destination = copyText(subscription["Destination"].asString());
     target->subscriptionId = copyText(id);
+    target->subscriptionIdLength = id.size();
     target->retryPolicy = copyText(subscription["DeliveryRetryPolicy"].asString());
     target->subscription = new Json::Value(subscription);
     return target;
-}
-
-// Selects the targets of the report, in the store's member order.
-void selectTargets(const Json::Value& store, const char* report,
-                   std::vector<DeliveryTarget*>& targets) {
-    for (auto it = store.begin(); it != store.end(); ++it) {
-        const std::string id = it.name();
-        const Json::Value& subscription = *it;
-        if (!subscription.isObject()) {
-            continue; // not a subscription: nothing to read from it
-        }
-        if (!isSelected(id, subscription, report)) {
-            continue;
-        }
-        if (!subscription.isMember("Destination")) {
-            RF_LOG(kLogDebug, "[%s():%d]Could not find valid [%s] in [%s] subscription.",
-                   "Destination", id.c_str());
-            continue;
-        }
-        if (DeliveryTarget* target = makeTarget(id, subscription)) {
-            targets.push_back(target);
-        }
-    }
 }
 
 // Queues every target of one pass whose transfer failed, for the retry thread.
@@ -135,7 +114,8 @@ void queueFailures(const std::vector<DeliveryTarget*>& group, const char* report
             continue;
         }
         record->destination = copyText(target->destination);
-        record->subscriptionId = copyText(target->subscriptionId);
+        record->subscriptionId = copyText(recordSubscriptionId(*target));
+        record->subscriptionIdLength = target->subscriptionIdLength;
         record->retryPolicy = copyText(target->retryPolicy);
         record->subscription = new Json::Value(*target->subscription);
         record->report = copyText(report);
@@ -144,6 +124,29 @@ void queueFailures(const std::vector<DeliveryTarget*>& group, const char* report
 }
 
 } // namespace
+
+// Selects the targets of the report, in the store's member order.
+void selectTargets(const Json::Value& store, const char* report,
+                   std::vector<DeliveryTarget*>& targets) {
+    for (auto it = store.begin(); it != store.end(); ++it) {
+        const std::string id = it.name();
+        const Json::Value& subscription = *it;
+        if (!isUsableSubscription(RF_HERE, id, subscription)) {
+            continue;
+        }
+        if (!isSelected(id, subscription, report)) {
+            continue;
+        }
+        if (!subscription.isMember("Destination")) {
+            RF_LOG(kLogDebug, "[%s():%d]Could not find valid [%s] in [%s] subscription.",
+                   "Destination", id.c_str());
+            continue;
+        }
+        if (DeliveryTarget* target = makeTarget(id, subscription)) {
+            targets.push_back(target);
+        }
+    }
+}
 
 int send_report_to_subscription(const char* report) {
     RF_ENTER();

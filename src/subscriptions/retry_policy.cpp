@@ -14,13 +14,13 @@ RetryPolicy parseRetryPolicy(const std::string& text) {
     return RetryPolicy::Other;
 }
 
-int enforceRetryPolicy(SourceSpot spot, RetryPolicy policy, const char* id) {
+int enforceRetryPolicy(SourceSpot spot, RetryPolicy policy, const std::string& id) {
     switch (policy) {
     case RetryPolicy::Suspend:
-        RF_LOG_AT(spot, kLogDebug, "[%s():%d]Suspending subscription: %s \n", id);
+        RF_LOG_AT(spot, kLogDebug, "[%s():%d]Suspending subscription: %s \n", id.c_str());
         return setSubscriptionState(id, "Disabled");
     case RetryPolicy::Terminate:
-        RF_LOG_AT(spot, kLogDebug, "[%s():%d]Terminating subscription: %s \n", id);
+        RF_LOG_AT(spot, kLogDebug, "[%s():%d]Terminating subscription: %s \n", id.c_str());
         return removeSubscription(id);
     case RetryPolicy::Other:
         break;

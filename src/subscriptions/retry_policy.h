@@ -20,7 +20,7 @@ RetryPolicy parseRetryPolicy(const std::string& text);
 // Suspends ("Suspending subscription: <id>") or removes ("Terminating subscription: <id>") the
 // subscription, logging under spot, and returns the store operation's result. Other does
 // nothing and returns -1.
-int enforceRetryPolicy(SourceSpot spot, RetryPolicy policy, const char* id);
+int enforceRetryPolicy(SourceSpot spot, RetryPolicy policy, const std::string& id);
 
 } // namespace rfevent
 

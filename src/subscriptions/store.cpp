@@ -26,15 +26,11 @@ const char* storePath() {
 }
 
 // The first top-level member whose name is exactly id, or nullptr.
-const Json::Value* findSubscription(const Json::Value& root, const char* id,
+const Json::Value* findSubscription(const Json::Value& root, const std::string& id,
                                     std::string& matchedName) {
-    if (!root.isObject()) {
-        return nullptr;
-    }
     for (auto it = root.begin(); it != root.end(); ++it) {
-        std::string name = it.name();
-        if (name.size() == std::strlen(id) && name == id) {
-            matchedName = name;
+        if (it.name() == id) {
+            matchedName = it.name();
             return &*it;
         }
     }
@@ -120,10 +116,12 @@ const StoreTexts kAddInvalidTexts = {"Subscription file does not exist\n",
                                      "Fail to parse event subscription file\n", nullptr};
 
 // The read-modify-write of every store operation: load the store, find the subscription whose
-// name is exactly id, let change edit the document (given the matched name), rewrite the store.
+// name is exactly id, let change edit the document (given the matched name and the caller's
+// spot to log under), rewrite the store.
 // 0 when rewritten, -1 when the store is absent, does not parse or lacks the subscription.
 template <typename Change>
-int modifySubscription(SourceSpot spot, const StoreTexts& texts, const char* id, Change change) {
+int modifySubscription(SourceSpot spot, const StoreTexts& texts, const std::string& id,
+                       Change change) {
     const JsonFileTexts fileTexts = {kLogDebug, texts.missing, texts.present, texts.unparsable,
                                      "subscriber File Data Parsed Successfully\n"};
     Json::Value root;
@@ -137,44 +135,46 @@ int modifySubscription(SourceSpot spot, const StoreTexts& texts, const char* id,
         }
         return -1;
     }
-    change(root, name);
+    change(root, name, spot);
     writeSubscriptionStore(root);
     return 0;
 }
 
 } // namespace
 
-int removeSubscription(const char* subscriptionId) {
+int removeSubscription(const std::string& subscriptionId) {
+    RF_ENTER();
+    int status = rfevent::modifySubscription(
+        RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
+        [](Json::Value& root, const std::string& name, SourceSpot spot) {
+            releaseTelemetrySlot(root[name]);
+            // By its whole name: the library's string form would stop at a NUL byte.
+            root.removeMember(name.data(), name.data() + name.size(), nullptr);
+            RF_LOG_AT(spot, kLogDebug, "[%s():%d]recreated subscription file");
+        });
+    RF_EXIT();
+    return status;
+}
+
+int addInvalidMemberinSubscription(const std::string& subscriptionId) {
     RF_ENTER();
     int status =
-        rfevent::modifySubscription(RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
-                                    [](Json::Value& root, const std::string& name) {
-                                        releaseTelemetrySlot(root[name]);
-                                        root.removeMember(name);
-                                        RF_LOG(kLogDebug, "[%s():%d]recreated subscription file");
+        rfevent::modifySubscription(RF_HERE, rfevent::kAddInvalidTexts, subscriptionId,
+                                    [](Json::Value& root, const std::string& name, SourceSpot) {
+                                        root[name]["InvalidDestination"] = true;
                                     });
     RF_EXIT();
     return status;
 }
 
-int addInvalidMemberinSubscription(const char* subscriptionId) {
+int setSubscriptionState(const std::string& subscriptionId, const char* state) {
     RF_ENTER();
-    int status = rfevent::modifySubscription(RF_HERE, rfevent::kAddInvalidTexts, subscriptionId,
-                                             [](Json::Value& root, const std::string& name) {
-                                                 root[name]["InvalidDestination"] = true;
-                                             });
-    RF_EXIT();
-    return status;
-}
-
-int setSubscriptionState(const char* subscriptionId, const char* state) {
-    RF_ENTER();
-    int status =
-        rfevent::modifySubscription(RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
-                                    [state](Json::Value& root, const std::string& name) {
-                                        root[name]["SubscriptionStateAfterRetry"] = state;
-                                        RF_LOG(kLogDebug, "[%s():%d]updated subscription file");
-                                    });
+    int status = rfevent::modifySubscription(
+        RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
+        [state](Json::Value& root, const std::string& name, SourceSpot spot) {
+            root[name]["SubscriptionStateAfterRetry"] = state;
+            RF_LOG_AT(spot, kLogDebug, "[%s():%d]updated subscription file");
+        });
     RF_EXIT();
     return status;
 }

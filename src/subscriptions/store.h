@@ -13,10 +13,11 @@
 namespace rfevent {
 
 // The three store operations: 0 when the store was rewritten, -1 when it is absent, does not
-// parse or has no subscription with that id (the file is then left untouched).
-int removeSubscription(const char* subscriptionId);
-int addInvalidMemberinSubscription(const char* subscriptionId);
-int setSubscriptionState(const char* subscriptionId, const char* state);
+// parse or has no subscription with that id (the file is then left untouched). The id is
+// compared whole, NUL bytes included.
+int removeSubscription(const std::string& subscriptionId);
+int addInvalidMemberinSubscription(const std::string& subscriptionId);
+int setSubscriptionState(const std::string& subscriptionId, const char* state);
 
 // Releases every record of a parallel delivery and empties the vector.
 void removeFromSubscription(std::vector<DeliveryTarget*>& targets);

@@ -227,24 +227,44 @@ std::string GenerateLogEntryJsonForTelemetry(std::string payload, const char* ty
     return Json::writeString(writer, report);
 }
 
+namespace {
+
+// The number a sequence file starts with, read as "%d" reads it but with the range checked.
+// Returns what fscanf would: 1 when there is a number that fits an int, 0 when there is none,
+// EOF for an empty file.
+int readSequenceNumber(std::FILE* file, int& sequence) {
+    char text[32] = {};
+    const int scanned = std::fscanf(file, "%31s", text);
+    if (scanned != 1) {
+        return scanned;
+    }
+    errno = 0;
+    char* end = nullptr;
+    const long value = std::strtol(text, &end, 10);
+    if (end == text || errno != 0 || value < INT_MIN || value > INT_MAX) {
+        return 0;
+    }
+    sequence = static_cast<int>(value);
+    return 1;
+}
+
+} // namespace
+
 int GetReportSequence(const char* path) {
-    FILE* file = std::fopen(path, "r");
+    FILE* file = std::fopen(path, "re");
     if (file == nullptr) {
         return 1;
     }
+    // A failed or partial read, or a number too large for an int, gives the first sequence, 1.
     int sequence = 1;
-    // A failed or partial read keeps the first sequence, 1.
-    int scanned = std::fscanf(file, "%d", &sequence); // NOLINT(cert-err34-c)
-    if (scanned != 1) {
-        sequence = 1;
-    }
+    int scanned = readSequenceNumber(file, sequence);
     RF_LOG(kLogInfo, "[%s():%d]fscanf:%d seq:%d", scanned, sequence);
     std::fclose(file);
     return sequence;
 }
 
 int SetReportSequence(const char* path, int value) {
-    FILE* file = std::fopen(path, "w");
+    FILE* file = std::fopen(path, "we");
     if (file == nullptr) {
         return 0;
     }

@@ -84,9 +84,11 @@ char* execute_report_views(const char* reportName) {
     g_telemetryDb = nullptr;
 
     RF_LOG(kLogInfo, "[%s():%d]report name  [%s]", reportName);
-    char resourcePath[kPathSize];
-    std::snprintf(resourcePath, sizeof resourcePath,
-                  "/redfish/v1/TelemetryService/MetricReports/%s", reportName);
+    // The buffer has 256 bytes, and at most 255 of them are written, the terminator included:
+    // a longer path keeps its first 254 characters.
+    char resourcePath[kPathSize] = {};
+    std::snprintf(resourcePath, kPathSize - 1, "/redfish/v1/TelemetryService/MetricReports/%s",
+                  reportName);
     RF_LOG(kLogDebug, "[%s():%d]SQL Command: [%s]:[%s]", sql, resourcePath);
     char* result = lookUp(db.get(), sql, resourcePath);
     db.reset();

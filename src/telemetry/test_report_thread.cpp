@@ -33,8 +33,9 @@ void handleTestReportRead(char* buffer, ssize_t count) {
         RF_LOG(kLogInfo, "[%s():%d]TestMetricReport to RF size read  %d\n",
                static_cast<int>(count));
         // One read is one report: a failure while delivering it drops that report only.
-        guarded(RF_HERE, "Test report dropped", [&] {
-            RF_LOG(kLogInfo, "[%s():%d]Sending reports to Subscription and SSE");
+        const SourceSpot here = RF_HERE;
+        guarded(here, "Test report dropped", [&] {
+            RF_LOG_AT(here, kLogInfo, "[%s():%d]Sending reports to Subscription and SSE");
             g_testReportActions.sendToSubscriptions(buffer);
             g_testReportActions.sendToSse(buffer);
         });

@@ -114,3 +114,25 @@ TEST_F(JsonReaderTest, SequenceOfObjectTypeRaisesTheLibraryError) {
 }
 
 } // namespace
+
+namespace {
+
+// Text nested deeper than the library allows is a failed parse of both forms, never an
+// exception that would end a host module calling the exported reader.
+TEST(JsonReaderDepthTest, TooDeepTextIsAFailedParseNotAnException) {
+    const std::string deep = std::string(5000, '[') + std::string(5000, ']');
+    RF_Json_Reader reader;
+    Json::Value root;
+    rfevent::testkit::LogCapture log;
+    bool parsed = true;
+    EXPECT_NO_THROW(parsed = reader.parse(deep, root));
+    EXPECT_FALSE(parsed);
+    const std::string file = rfevent::testkit::rooted("/deep.json");
+    rfevent::testkit::writeFile(file, deep);
+    std::ifstream in(file);
+    EXPECT_NO_THROW(parsed = reader.parse(in, root));
+    EXPECT_FALSE(parsed);
+    EXPECT_EQ(log.count(2, "Errors found"), 2) << log.dump();
+}
+
+} // namespace

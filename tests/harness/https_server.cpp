@@ -571,9 +571,11 @@ void HttpsServer::serveConnection(int fd) {
             record(std::move(request));
             const int status = status_.load(std::memory_order_relaxed);
             if (pause(delayMs_.load(std::memory_order_relaxed))) {
+                const std::size_t bodyBytes = options_.responseBodyBytes;
                 writeAll(ssl, fd, deadline,
                          "HTTP/1.1 " + std::to_string(status) + " " + reasonPhrase(status) +
-                             "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+                             "\r\nContent-Length: " + std::to_string(bodyBytes) +
+                             "\r\nConnection: close\r\n\r\n" + std::string(bodyBytes, 'x'));
             }
         }
         SSL_shutdown(ssl); // send our close_notify; the peer's is not awaited

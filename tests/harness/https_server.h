@@ -34,6 +34,7 @@ struct HttpsServerOptions {
         true;         // handshake fails without a client certificate signed by the test CA
     int status = 200; // status of every answer; see HttpsServer::setStatus
     int delayMs = 0;  // pause between reading a request and answering it
+    std::size_t responseBodyBytes = 0; // the answer's body: this many bytes of 'x'
     // False: no tickets and no session cache, so every handshake is a full one.
     bool resumption = true;
     int maxTlsVersion = 0; // e.g. TLS1_2_VERSION; 0: the library's highest

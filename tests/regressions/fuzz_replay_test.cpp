@@ -15,6 +15,7 @@
 #include "../../fuzz/replay_request.h"
 #include "../../fuzz/sse_filter.h"
 #include "../../fuzz/store_ops.h"
+#include "../../fuzz/subscription_walk.h"
 #include "../../fuzz/telemetry_pipe.h"
 #include "harness/sandbox.h"
 
@@ -74,6 +75,10 @@ TEST_F(FuzzReplay, ReplayRequests) {
 
 TEST_F(FuzzReplay, SubscriptionStores) {
     replayAll("store_ops_fuzz", rfevent::fuzz::storeOps);
+}
+
+TEST_F(FuzzReplay, SubscriptionWalks) {
+    replayAll("subscription_walk_fuzz", rfevent::fuzz::subscriptionWalk);
 }
 
 TEST_F(FuzzReplay, TelemetryPipeStreams) {

@@ -1,62 +1,22 @@
 // Runs the built host simulator (tools/rfevent-sim) as a separate process against the built
 // plug-in: the scripted demo must see every delivery arrive, and bad command lines must end
-// with the usage text and status 2.
-#include <sys/wait.h>
-
-#include <cstdio>
+// with status 2.
 #include <filesystem>
 #include <regex>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "harness/sandbox.h"
+#include "sim/sim_run.h"
 
 using namespace rfevent;
 
 namespace {
 
 namespace fs = std::filesystem;
-using rfevent::testkit::sandboxRoot;
-
-// <build>/src/libredfishevent.so -> <build>/tools/rfevent-sim
-std::string simulatorPath() {
-    return (fs::path(RFEVENT_PLUGIN_PATH).parent_path().parent_path() / "tools" / "rfevent-sim")
-        .string();
-}
-
-std::string quoted(const std::string& text) {
-    std::string out = "'";
-    for (char c : text) {
-        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return out + "'";
-}
-
-struct SimRun {
-    int status = -1; // exit status, -1 when it did not exit normally
-    std::string output;
-};
-
-// Runs the simulator with `arguments` (already quoted), stdout and stderr together; its
-// temporary sandboxes go below this test's own sandbox root.
-SimRun runSimulator(const std::string& arguments) {
-    std::string command = "TMPDIR=" + quoted(sandboxRoot()) + " " + quoted(simulatorPath()) +
-                          " --plugin " + quoted(RFEVENT_PLUGIN_PATH) + " " + arguments + " 2>&1";
-    SimRun run;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return run;
-    }
-    char buffer[4096];
-    std::size_t n = 0;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-        run.output.append(buffer, n);
-    }
-    int raw = ::pclose(pipe);
-    run.status = (raw != -1 && WIFEXITED(raw)) ? WEXITSTATUS(raw) : -1;
-    return run;
-}
+using rfevent::testkit::runSimulator;
+using rfevent::testkit::SimRun;
+using rfevent::testkit::simulatorPath;
 
 // True when a summary row starts with `name` and shows `expected` and `received` then "ok".
 bool summaryRowOk(const std::string& output, const std::string& name, int expected) {
@@ -102,7 +62,7 @@ TEST_F(SimulatorTest, SingleAlertReachesItsDestinationAndTheSseClient) {
     EXPECT_NE(run.output.find("EventId 77 TAVIK.2.8.FAN0001"), std::string::npos);
 }
 
-TEST_F(SimulatorTest, BadCommandLinesGetTheUsageAndStatusTwo) {
+TEST_F(SimulatorTest, BadCommandLinesGetStatusTwo) {
     for (const char* arguments :
          {"", "--bogus demo", "frobnicate", "replay 1", "report", "demo extra",
           "alert --severity 9", "alert --event-id 12x", "--timeout 0 demo", "demo --severity 1",

@@ -170,12 +170,17 @@ TEST_F(SseFilterTest, FailuresGiveOne) {
     EXPECT_TRUE(messages.empty());
 }
 
-TEST_F(SseFilterTest, EventTypeThatIsAnObjectRaisesTheLibraryError) {
+TEST_F(SseFilterTest, EventTypeThatIsNotTextSkipsThatClientOnly) {
     Json::Value clients;
     clients["a"]["Event-type"]["nested"] = 1;
+    clients["b"]["Event-type"] = Json::Value(Json::arrayValue);
+    clients["c"]["Event-type"] = "EventFormatType eq MetricReport";
     rfevent::testkit::writeSseSubscriptions(clients);
     std::list<std::string> messages;
-    EXPECT_THROW(filterEventsSSE(makeReport("/x").c_str(), messages, "<id:>:"), Json::LogicError);
+    LogCapture log;
+    EXPECT_EQ(filterEventsSSE(makeReport("/x").c_str(), messages, "<id:>:"), 0);
+    EXPECT_EQ(messages.size(), 1u);
+    EXPECT_EQ(log.count(2, "SSE subscription skipped: Event-type is not text"), 2) << log.dump();
 }
 
 TEST_F(SseFilterTest, RemoveBracesStripsOnePairOfEachParenthesesFirst) {

@@ -132,11 +132,20 @@ TEST_F(ReportDbTest, DatabaseWithoutJsonTableGivesNull) {
     EXPECT_TRUE(log.containsAny("sqlite3_prepare_v3 failure: no such table: JSON"));
 }
 
-TEST_F(ReportDbTest, NameLongerThanThePathBufferIsCut) {
+// 255 bytes are written into the 256-byte buffer, the terminator included: 254 characters.
+TEST_F(ReportDbTest, NameLongerThanThePathBufferIsCutTo254Characters) {
     std::string name(300, 'n');
-    std::string cutPath = (kReportsPrefix + name).substr(0, 255);
-    createReportTable({{cutPath, "cut"}, {kReportsPrefix + name, "whole"}});
+    std::string cutPath = (kReportsPrefix + name).substr(0, 254);
+    createReportTable({{cutPath, "cut"},
+                       {(kReportsPrefix + name).substr(0, 255), "one more"},
+                       {kReportsPrefix + name, "whole"}});
     EXPECT_EQ("cut", lookup(name));
+}
+
+TEST_F(ReportDbTest, PathOf254CharactersIsKeptWhole) {
+    std::string name(254 - kReportsPrefix.size(), 'n');
+    createReportTable({{kReportsPrefix + name, "whole"}});
+    EXPECT_EQ("whole", lookup(name));
 }
 
 TEST_F(ReportDbTest, ViewCallingGetIsoDateTimeInUtcGivesColonOffset) {

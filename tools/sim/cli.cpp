@@ -11,21 +11,21 @@ namespace {
 
 struct CommandInfo {
     std::size_t arguments;
-    const char* synopsis;
+    const char* form;        // the command with its arguments
+    const char* description; // what it does
 };
 
 const std::map<std::string, CommandInfo>& commands() {
     static const std::map<std::string, CommandInfo> table = {
-        {"demo", {0, "demo                 scripted tour of every delivery path"}},
-        {"alert", {0, "alert [ALERT OPTIONS] one platform alert"}},
-        {"report", {1, "report NAME          announce a metric report of the telemetry database"}},
+        {"demo", {0, "demo", "scripted tour of every delivery path"}},
+        {"alert", {0, "alert [ALERT OPTIONS]", "one platform alert"}},
+        {"report", {1, "report NAME", "announce a metric report of the telemetry database"}},
         {"test-report",
-         {1, "test-report FILE     write a report JSON (<= 1023 bytes) into the test pipe"}},
-        {"serial-log",
-         {0, "serial-log           append to the serial-log capture and announce it"}},
-        {"cpu-registers", {0, "cpu-registers        announce the CPU register dump"}},
-        {"replay", {2, "replay ID FILTER     Last-Event-ID replay request of an SSE client"}},
-        {"listen", {0, "listen               receivers only, for a host or build of your own"}},
+         {1, "test-report FILE", "write a report JSON (<= 1023 bytes) into the test pipe"}},
+        {"serial-log", {0, "serial-log", "append to the serial-log capture and announce it"}},
+        {"cpu-registers", {0, "cpu-registers", "announce the CPU register dump"}},
+        {"replay", {2, "replay ID FILTER", "Last-Event-ID replay request of an SSE client"}},
+        {"listen", {0, "listen", "receivers only, for a host or build of your own"}},
     };
     return table;
 }
@@ -42,6 +42,12 @@ bool parseInt(const std::string& text, long low, long high, long& value) {
     }
     value = parsed;
     return true;
+}
+
+// A Last-Event-ID as the plug-in compares it with a report's ReportSequence: 1 to 20 digits.
+bool isReportSequence(const std::string& text) {
+    return !text.empty() && text.size() <= 20 &&
+           text.find_first_not_of("0123456789") == std::string::npos;
 }
 
 bool applyAlertOption(const std::string& name, const std::string& value, AlertSpec& alert,
@@ -159,15 +165,27 @@ bool parseCommandLine(int argc, char** argv, CommandLine& out, std::string& erro
         return false;
     }
     if (out.arguments.size() != command->second.arguments) {
-        error =
-            out.command + " takes " + std::to_string(command->second.arguments) + " argument(s)";
+        error = std::string("wrong number of arguments; the command is: ") + command->second.form;
         return false;
     }
     if (out.alertOptionsGiven && out.command != "alert") {
         error = "alert options only go with the alert command";
         return false;
     }
+    if (out.command == "replay" && !isReportSequence(out.arguments[0])) {
+        error = "replay ID is the report sequence an SSE client saw last (digits only), not \"" +
+                out.arguments[0] + "\"";
+        return false;
+    }
+    if (out.command == "replay" && out.arguments[1].empty()) {
+        error = "replay FILTER must not be empty";
+        return false;
+    }
     return true;
+}
+
+void printUsageError(std::ostream& out, const std::string& error) {
+    out << "rfevent-sim: " << error << "\nTry 'rfevent-sim --help' for the commands and options.\n";
 }
 
 void printUsage(std::ostream& out) {
@@ -176,11 +194,14 @@ void printUsage(std::ostream& out) {
            "server, the telemetry service and the event destinations around it, and prints every\n"
            "delivery as it arrives.\n\nCommands:\n";
     for (const auto& [name, info] : commands()) {
-        out << "  " << info.synopsis << "\n";
+        std::string form = info.form;
+        out << "  " << form << std::string(form.size() < 22 ? 22 - form.size() : 1, ' ')
+            << info.description << "\n";
     }
     out << "\nOptions:\n"
-           "  --plugin PATH      plug-in to load (default: ../src/libredfishevent.so next to this\n"
-           "                     program, then ../lib/libredfishevent.so)\n"
+           "  --plugin PATH      plug-in to load (default, from this program's folder: "
+        << kBuildTreePlugin << ",\n                     then " << kInstalledPlugin
+        << ")\n"
            "  --root DIR         sandbox root to prepare and keep (default: a temporary folder)\n"
            "  --timeout SECONDS  longest wait for the deliveries of one step (default 12)\n"
            "  -v, --verbose      print every delivered document\n"

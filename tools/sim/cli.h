@@ -23,9 +23,16 @@ struct CommandLine {
     bool alertOptionsGiven = false;
 };
 
+// Where the plug-in is looked for when --plugin is not given, relative to this program's
+// folder: first in the build tree, then in the install it belongs to.
+inline constexpr const char* kBuildTreePlugin = "../src/libredfishevent.so";
+inline constexpr const char* kInstalledPlugin = RFEVENT_SIM_INSTALLED_PLUGIN;
+
 // Parses argv; on bad input returns false with the reason in `error`.
 bool parseCommandLine(int argc, char** argv, CommandLine& out, std::string& error);
 void printUsage(std::ostream& out);
+// What a usage error prints: the reason in one line, and where the usage is.
+void printUsageError(std::ostream& out, const std::string& error);
 
 } // namespace rfevent::sim
 

@@ -31,8 +31,7 @@ int main(int argc, char** argv) {
     rfevent::sim::CommandLine commandLine;
     std::string error;
     if (!rfevent::sim::parseCommandLine(argc, argv, commandLine, error)) {
-        std::cerr << "rfevent-sim: " << error << "\n\n";
-        rfevent::sim::printUsage(std::cerr);
+        rfevent::sim::printUsageError(std::cerr, error);
         return rfevent::sim::kExitUsage;
     }
     if (commandLine.help) {

@@ -79,7 +79,9 @@ class Monitor {
     // How many expected deliveries, entries and changes are still missing.
     int shortfall() const;
     std::vector<std::string> missing() const;
-    void printSummary();
+    // The tables and the result line; `stepFailed`: a step of the run could not be carried
+    // out (it said why on stderr), so the run is no success even with nothing missing.
+    void printSummary(bool stepFailed);
     // Stops the receivers (what is still in flight is read first).
     void stop();
 

@@ -155,7 +155,7 @@ int Monitor::shortfall() const {
     return total;
 }
 
-void Monitor::printSummary() {
+void Monitor::printSummary(bool stepFailed) {
     poll();
     auto status = [](int received, int expected) {
         return received < expected ? "MISSING" : (received > expected ? "ok (more)" : "ok");
@@ -204,13 +204,17 @@ void Monitor::printSummary() {
         }
     }
     auto gaps = missing();
-    if (gaps.empty()) {
-        out_ << "Result: every expected delivery arrived\n";
-    } else {
+    if (!gaps.empty()) {
         out_ << "Result: " << gaps.size() << " expectation(s) not met\n";
         for (const std::string& gap : gaps) {
             out_ << "  - " << gap << "\n";
         }
+    } else if (stepFailed) {
+        out_ << "Result: a step could not be carried out (the reason is on stderr)\n";
+    } else if (expectedTotal() == 0) {
+        out_ << "Result: no delivery was expected\n";
+    } else {
+        out_ << "Result: every expected delivery arrived\n";
     }
     out_.flush();
 }

@@ -1,13 +1,16 @@
 #include "sandbox.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
 
 namespace fs = std::filesystem;
 
@@ -27,12 +30,17 @@ const char* const kFolders[] = {"/var/lib/rfevent",
                                 "/flash/data0/IERR_LOG/IERR_LOG1",
                                 "/sim"};
 
+std::string errorText(int error) {
+    return std::error_code(error, std::generic_category()).message();
+}
+
 std::string makeTemporaryRoot() {
     const char* base = std::getenv("TMPDIR"); // NOLINT(concurrency-mt-unsafe): read before any
                                               // thread of this program starts
     std::string pattern = std::string(base && *base ? base : "/tmp") + "/rfevent-sim.XXXXXX";
     if (::mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("cannot create a temporary folder from " + pattern);
+        throw std::runtime_error("cannot create a temporary folder from " + pattern + ": " +
+                                 errorText(errno));
     }
     return pattern;
 }
@@ -57,11 +65,25 @@ void execSql(sqlite3* db, const std::string& sql) {
 
 void writeTextFile(const std::string& path, const std::string& content) {
     fs::create_directories(fs::path(path).parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-    out.close();
-    if (!out) {
-        throw std::runtime_error("cannot write " + path);
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        throw std::runtime_error("cannot write " + path + ": " + errorText(errno));
+    }
+    std::size_t done = 0;
+    while (done < content.size()) {
+        ssize_t n = ::write(fd, content.data() + done, content.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            int error = errno;
+            ::close(fd);
+            throw std::runtime_error("cannot write " + path + ": " + errorText(error));
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    if (::close(fd) != 0) {
+        throw std::runtime_error("cannot write " + path + ": " + errorText(errno));
     }
 }
 

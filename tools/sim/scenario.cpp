@@ -1,8 +1,11 @@
 // The commands of rfevent-sim: the scripted demo and the single actions.
+#include <fcntl.h>
 #include <strings.h>
+#include <unistd.h>
 
-#include <filesystem>
+#include <cerrno>
 #include <iostream>
+#include <system_error>
 #include <thread>
 
 #include "sample_data.h"
@@ -51,7 +54,74 @@ std::string replayReportName(const std::string& filter) {
     return kept;
 }
 
+// The plug-in reads the test-report pipe 1024 bytes at a time, a report and its terminator.
+constexpr std::size_t kMaxTestReport = 1023;
+
+// Reads a test report of 1 to kMaxTestReport bytes into `json`; returns why it cannot, or "".
+std::string readTestReport(const std::string& file, std::string& json) {
+    auto failure = [&file](int error) {
+        return "cannot read " + file + ": " +
+               std::error_code(error, std::generic_category()).message();
+    };
+    int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return failure(errno);
+    }
+    char buffer[kMaxTestReport + 1];
+    std::size_t size = 0;
+    int error = 0;
+    while (size < sizeof buffer) {
+        ssize_t n = ::read(fd, buffer + size, sizeof buffer - size);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            error = n < 0 ? errno : 0;
+            break;
+        }
+        size += static_cast<std::size_t>(n);
+    }
+    ::close(fd);
+    if (error != 0) {
+        return failure(error);
+    }
+    if (size == 0 || size > kMaxTestReport) {
+        return file + (size == 0 ? " is empty" : " holds more than 1023 bytes") +
+               "; a test report is a report JSON of 1 to 1023 bytes";
+    }
+    json.assign(buffer, size);
+    return "";
+}
+
+// What a replay can find in a fresh sandbox, for the note when a request matches nothing.
+std::string storedReportsText() {
+    std::string text = "the telemetry database holds";
+    for (const auto& [name, json] : sampleDatabaseReports()) {
+        text += " " + name + " (sequence " + reportSequence(json) + ")";
+    }
+    return text + "; the serial-log and CPU-register reports exist once announced";
+}
+
 } // namespace
+
+std::string Simulation::checkInput() {
+    const std::string& command = commandLine_.command;
+    const auto& args = commandLine_.arguments;
+    if (command == "report") {
+        std::string known;
+        for (const auto& [name, json] : sampleDatabaseReports()) {
+            if (name == args[0]) {
+                return "";
+            }
+            known += " " + name;
+        }
+        return "no report \"" + args[0] + "\" in the telemetry database; it holds:" + known;
+    }
+    if (command == "test-report") {
+        return readTestReport(args[0], testReport_);
+    }
+    return "";
+}
 
 // How long a pipe may stay without its reading thread: the plug-in's threads open their pipes
 // within about a second of starting and keep them open.
@@ -86,6 +156,7 @@ int Simulation::runCommand() {
         expectLogReport(kSseCpuFilter);
         announce("CPURegisters") && waitForStep();
     } else if (command == "replay") {
+        produceLogReportFor(args[1]);
         stepHeader("Last-Event-ID replay");
         expectReplay(args[0], args[1]);
         requestReplay(args[0], args[1]) && waitForStep();
@@ -246,7 +317,7 @@ bool Simulation::announce(const std::string& name) {
     note("telemetry pipe <- \"" + name + "|\\0\"");
     std::string error = pipes_->announceReport(name, readerTimeout());
     if (!error.empty()) {
-        std::cout << "   cannot announce: " << error << "\n";
+        std::cerr << "rfevent-sim: cannot announce " << name << ": " << error << "\n";
         stepFailed_ = true;
         return false;
     }
@@ -257,7 +328,7 @@ bool Simulation::sendTestReport(const std::string& json) {
     note("test-report pipe <- " + std::to_string(json.size()) + " bytes");
     std::string error = pipes_->sendTestReport(json, readerTimeout());
     if (!error.empty()) {
-        std::cout << "   cannot send the test report: " << error << "\n";
+        std::cerr << "rfevent-sim: cannot send the test report: " << error << "\n";
         stepFailed_ = true;
         return false;
     }
@@ -268,11 +339,31 @@ bool Simulation::requestReplay(const std::string& id, const std::string& filter)
     note("SSE infrastructure pipe <- \"" + id + "|" + filter + "\"");
     std::string error = pipes_->requestReplay(id, filter, readerTimeout());
     if (!error.empty()) {
-        std::cout << "   cannot request the replay: " << error << "\n";
+        std::cerr << "rfevent-sim: cannot request the replay: " << error << "\n";
         stepFailed_ = true;
         return false;
     }
     return true;
+}
+
+// The serial-log and CPU-register reports exist only once announced. A replay of one that the
+// sandbox does not hold yet announces it first, as the demo does, so that a fresh sandbox has
+// a report to replay (the first one has sequence 1). The names are the plug-in's: it reads
+// these two reports from their files only for exactly "seriallog" and "CPURegisters".
+void Simulation::produceLogReportFor(const std::string& filter) {
+    std::string name = replayReportName(filter);
+    bool cpu = name == "CPURegisters";
+    if (!cpu && name != "seriallog") {
+        return;
+    }
+    if (!readTextFile(sandbox_->path(cpu ? paths::kCpuRegisterReport : paths::kSerialLogReport))
+             .empty()) {
+        return;
+    }
+    stepHeader(cpu ? "CPU-register report" : "Serial-log report");
+    note("the sandbox holds no " + name + " report yet: announced first, to have one to replay");
+    expectLogReport(cpu ? kSseCpuFilter : kSseSerialFilter);
+    announce(cpu ? "CPURegisters" : "seriallog") && waitForStep();
 }
 
 bool Simulation::expectReplay(const std::string& id, const std::string& filter) {
@@ -290,12 +381,14 @@ bool Simulation::expectReplay(const std::string& id, const std::string& filter) 
     }
     if (report.empty()) {
         note("no stored report \"" + name + "\": the plug-in should send nothing");
+        note("(" + storedReportsText() + ")");
         return false;
     }
     std::string sequence = reportSequence(report);
     if (sequence != id) {
         note("report \"" + name + "\" has sequence " + sequence + ", not " + id +
              ": the plug-in should send nothing");
+        note("(" + storedReportsText() + ")");
         return false;
     }
     std::size_t length = filter.size() + 1 + 4 + sequence.size() + 2 + report.size();
@@ -307,15 +400,8 @@ bool Simulation::expectReplay(const std::string& id, const std::string& filter) 
 }
 
 int Simulation::reportCommand(const std::string& name) {
+    // checkInput() made sure the name is one of the sample reports the sandbox stores.
     std::string report = sandbox_->lookUpReport(name);
-    if (report.empty()) {
-        std::cerr << "rfevent-sim: no report \"" << name << "\" in the telemetry database; have:";
-        for (const auto& [known, json] : sampleDatabaseReports()) {
-            std::cerr << " " << known;
-        }
-        std::cerr << "\n";
-        return kExitUsage;
-    }
     stepHeader("Metric report " + name);
     expectReport(report);
     announce(name) && waitForStep();
@@ -323,17 +409,8 @@ int Simulation::reportCommand(const std::string& name) {
 }
 
 int Simulation::testReportCommand(const std::string& file) {
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(file, error)) {
-        std::cerr << "rfevent-sim: cannot read " << file << "\n";
-        return kExitUsage;
-    }
-    std::string json = readTextFile(file);
-    if (json.empty() || json.size() > 1023) {
-        std::cerr << "rfevent-sim: a test report must hold 1 to 1023 bytes; " << file << " has "
-                  << json.size() << "\n";
-        return kExitUsage;
-    }
+    // checkInput() read the file into testReport_.
+    const std::string& json = testReport_;
     stepHeader("Test report " + file);
     if (reportDefinition(json).empty()) {
         note("no MetricReportDefinition: SSE clients with a filter will not get it");

@@ -18,6 +18,11 @@ Simulation::Simulation(const CommandLine& commandLine) : commandLine_(commandLin
 Simulation::~Simulation() = default;
 
 int Simulation::run() {
+    std::string problem = checkInput();
+    if (!problem.empty()) {
+        std::cerr << "rfevent-sim: " << problem << "\n";
+        return kExitUsage;
+    }
     bool needsPlugin = commandLine_.command != "listen";
     if (!setUp(needsPlugin)) {
         return finish(kExitSetup);
@@ -99,13 +104,13 @@ std::string Simulation::locatePlugin() const {
         return "libredfishevent.so";
     }
     fs::path dir = self.parent_path();
-    for (const char* candidate : {"../src/libredfishevent.so", "../lib/libredfishevent.so"}) {
+    for (const char* candidate : {kBuildTreePlugin, kInstalledPlugin}) {
         fs::path path = (dir / candidate).lexically_normal();
         if (fs::exists(path)) {
             return path.string();
         }
     }
-    return (dir / "../src/libredfishevent.so").lexically_normal().string();
+    return (dir / kBuildTreePlugin).lexically_normal().string();
 }
 
 bool Simulation::loadPlugin() {
@@ -121,14 +126,22 @@ bool Simulation::loadPlugin() {
 }
 
 int Simulation::finish(int status) {
+    std::size_t gaps = 0;
     if (monitor_) {
         monitor_->stop();
-        if (status != kExitSetup) {
-            monitor_->printSummary();
-            if (status == kExitOk && !monitor_->allExpectedArrived()) {
+        // Only a command that ran has a summary; a failed set-up said why on stderr.
+        if (status == kExitOk || status == kExitMissing) {
+            monitor_->printSummary(stepFailed_);
+            gaps = monitor_->missing().size();
+            if (gaps > 0) {
                 status = kExitMissing;
             }
         }
+    }
+    if (gaps > 0) {
+        std::cout.flush();
+        std::cerr << "rfevent-sim: " << gaps
+                  << " expectation(s) not met; the summary above lists them\n";
     }
     if (plugin_.loaded()) {
         if (plugin_.unload()) {

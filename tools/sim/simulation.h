@@ -42,6 +42,9 @@ class Simulation {
     int finish(int status);
 
     // scenario.cpp: the commands.
+    // What the command takes from outside (a report name, a file), checked before anything
+    // is set up; returns why it cannot run, or "".
+    std::string checkInput();
     int runCommand();
     void demo();
     void listen();
@@ -57,6 +60,7 @@ class Simulation {
     bool announce(const std::string& name);
     bool sendTestReport(const std::string& json);
     bool requestReplay(const std::string& id, const std::string& filter);
+    void produceLogReportFor(const std::string& filter);
     bool expectReplay(const std::string& id, const std::string& filter);
     int testReportCommand(const std::string& file);
     int reportCommand(const std::string& name);
@@ -68,6 +72,7 @@ class Simulation {
     PluginHost plugin_;
     testkit::TestPki pki_;
     Json::Value sseSubscriptions_;
+    std::string testReport_; // the test-report command's file, read by checkInput()
     bool stepFailed_ = false;
     int stepStartShortfall_ = 0;
     int stepStartExpected_ = 0;
