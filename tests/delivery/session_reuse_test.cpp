@@ -255,6 +255,28 @@ TEST_F(SessionReuseTest, RefusedHandshakeLeavesNothingBehind) {
     EXPECT_EQ(resumed(server), (std::vector<bool>{false, true}));
 }
 
+// Every change of the files starts a new set of sessions; the old sets are released once no
+// transfer uses them (the sanitizer builds see anything left behind at the end).
+TEST_F(SessionReuseTest, ManyReplacementsPresentEachCertificateInTurn) {
+    HttpsServer server(pki_);
+    for (int round = 0; round < 12; ++round) {
+        if (round % 2 == 0) {
+            installClientCredentials(pki_, sandboxRoot(), true);
+        } else {
+            installOtherClientIdentity(pki_, sandboxRoot());
+        }
+        ASSERT_TRUE(post(server.url()));
+        EXPECT_EQ(pass({server.url()}), (std::vector<int>{0}));
+    }
+    const std::vector<RecordedRequest> requests = server.requests();
+    ASSERT_EQ(requests.size(), 24u);
+    for (std::size_t i = 0; i < requests.size(); ++i) {
+        const bool other = (i / 2) % 2 == 1;
+        EXPECT_EQ(requests[i].clientCn, other ? kOtherClientCn : kTestClientCn) << i;
+        EXPECT_EQ(requests[i].sessionResumed, i % 2 == 1) << i;
+    }
+}
+
 // The first attempt times out; while the retry waits, the certificate is replaced. The retry
 // presents the new one instead of resuming the first attempt's session.
 TEST_F(SessionReuseTest, RetryPresentsACertificateReplacedSinceTheFirstAttempt) {
