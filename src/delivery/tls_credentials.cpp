@@ -182,14 +182,15 @@ CredentialFiles readCredentialFiles() {
     return files;
 }
 
+#define RFEVENT_TEXT_OF(value) #value
+#define RFEVENT_TEXT(value) RFEVENT_TEXT_OF(value)
+
 bool tlsLibraryIsOurs() {
-    const curl_version_info_data* info = curl_version_info(CURLVERSION_NOW);
-    if (info == nullptr || info->ssl_version == nullptr) {
-        return false;
-    }
     // "OpenSSL/<major>.": the same library, of the major version this file was built against.
-    const std::string expected = "OpenSSL/" + std::to_string(OPENSSL_VERSION_MAJOR) + ".";
-    return std::strncmp(info->ssl_version, expected.c_str(), expected.size()) == 0 &&
+    static const char kOurs[] = "OpenSSL/" RFEVENT_TEXT(OPENSSL_VERSION_MAJOR) ".";
+    const curl_version_info_data* info = curl_version_info(CURLVERSION_NOW);
+    return info != nullptr && info->ssl_version != nullptr &&
+           std::strncmp(info->ssl_version, kOurs, sizeof kOurs - 1) == 0 &&
            OPENSSL_version_major() == OPENSSL_VERSION_MAJOR;
 }
 

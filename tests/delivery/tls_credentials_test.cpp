@@ -12,6 +12,7 @@
 
 #include "delivery/session_cache.h"
 #include "delivery/single_post.h"
+#include "delivery/tls_credentials.h"
 #include "harness/certs.h"
 #include "harness/https_server.h"
 #include "harness/log_capture.h"
@@ -107,6 +108,12 @@ class TlsCredentialsTest : public ::testing::Test {
 
     TestPki pki_;
 };
+
+// Otherwise every POST would load the files itself, and the comparison below would compare
+// libcurl with itself.
+TEST_F(TlsCredentialsTest, LibcurlUsesTheTlsLibraryTheCredentialsAreParsedWith) {
+    EXPECT_TRUE(tlsLibraryIsOurs());
+}
 
 TEST_F(TlsCredentialsTest, EveryStateOfTheFilesEndsAsWhenLibcurlLoadsThem) {
     const std::vector<std::pair<std::string, std::function<void()>>> states = {
