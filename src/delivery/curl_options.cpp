@@ -129,7 +129,7 @@ bool setPostOptions(SourceSpot spot, CURL* curl, const char* uri, const char* bo
         return false;
     }
     (void)curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, discardBody);
-    attachSessionCache(curl, settings.certificateSwitch == VERIFY_CERTIFICATES);
+    attachSessionCache(curl, uri, settings.certificateSwitch == VERIFY_CERTIFICATES);
     return true;
 }
 

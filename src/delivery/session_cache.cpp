@@ -1,7 +1,9 @@
 #include "delivery/session_cache.h"
 
 #include <cstdint>
+#include <cstring>
 #include <mutex>
+#include <new>
 #include <type_traits>
 
 #include "base/paths.h"
@@ -28,11 +30,17 @@ void unlockData(CURL* handle, curl_lock_data data, void* user) {
     g_dataLocks[data].unlock();
 }
 
+// libcurl keeps at most 8 sessions in one share handle and drops the oldest for a ninth: an
+// alert to more than 8 destinations, served in turn, would find none of them again. The cache
+// therefore spreads the destinations over several share handles by their scheme, host and port
+// (libcurl still matches host, port and TLS options within each), made as they are first needed.
+constexpr std::size_t kShareGroups = 16;
+
 // The sessions made with one set of credential file contents, and those contents parsed. A
-// transfer that uses the parsed credentials is attached to the share handle too, so once the
-// share handle is idle nothing refers to the generation any more.
+// transfer that uses the parsed credentials is attached to one of the share handles too, so
+// once they are all idle nothing refers to the generation any more.
 struct Generation {
-    CURLSH* share = nullptr;
+    CURLSH* shares[kShareGroups] = {};
     bool labelled = false; // fingerprint and credentials are set
     std::uint64_t fingerprint = 0;
     TlsCredentials* credentials = nullptr; // null when they cannot go into libcurl's contexts
@@ -70,29 +78,54 @@ CURLSH* newShare() {
     return share;
 }
 
-// A generation whose contents the first transfer tells; null when libcurl gives no share
-// handle.
+// A generation whose contents the first transfer tells.
 Generation* newGeneration() {
-    CURLSH* share = newShare();
-    if (share == nullptr) {
-        return nullptr;
+    return new (std::nothrow) Generation;
+}
+
+// The group of a destination: a hash of its URL up to the end of the host and port. Two
+// spellings of one destination may land in two groups; that only costs a handshake.
+std::size_t groupOf(const char* uri) {
+    const char* end = std::strstr(uri, "://");
+    end = end != nullptr ? end + 3 : uri;
+    end += std::strcspn(end, "/?#");
+    std::uint64_t hash = 0xcbf29ce484222325ULL;
+    for (const char* at = uri; at != end; ++at) {
+        hash ^= static_cast<unsigned char>(*at);
+        hash *= 0x100000001b3ULL;
     }
-    auto* generation = new Generation;
-    generation->share = share;
-    return generation;
+    return static_cast<std::size_t>(hash % kShareGroups);
+}
+
+// The share handle of the destination's group, made when first needed; null when libcurl
+// gives none.
+CURLSH* shareFor(Generation& generation, const char* uri) {
+    CURLSH*& share = generation.shares[groupOf(uri)];
+    if (share == nullptr) {
+        share = newShare();
+    }
+    return share;
 }
 
 void label(Generation& generation, const CredentialFiles& files) {
     generation.fingerprint = files.fingerprint;
     if (g_cache.tlsLibraryIsOurs) {
-        generation.credentials = new TlsCredentials(files);
+        generation.credentials = new (std::nothrow) TlsCredentials(files);
     }
     generation.labelled = true;
 }
 
-// Releases the generation when no transfer is attached to its share handle any more.
+// Releases the generation's share handles no transfer is attached to any more, and the
+// generation with them when that was all of them.
 bool releaseIfIdle(Generation* generation) {
-    if (curl_share_cleanup(generation->share) != CURLSHE_OK) {
+    bool idle = true;
+    for (CURLSH*& share : generation->shares) {
+        if (share != nullptr && curl_share_cleanup(share) == CURLSHE_OK) {
+            share = nullptr;
+        }
+        idle = idle && share == nullptr;
+    }
+    if (!idle) {
         return false;
     }
     delete generation->credentials;
@@ -199,15 +232,15 @@ void releaseSessionCache() {
     releaseIdleGenerations();
 }
 
-void attachSessionCache(CURL* curl, bool checking) {
+void attachSessionCache(CURL* curl, const char* uri, bool checking) {
     const CredentialFiles files = readCredentialFiles();
     std::lock_guard<std::mutex> guard(g_cache.mutex);
     // Attached under the mutex, so no retired generation is released between the choice and
     // the attachment.
     Generation* generation = generationFor(files);
-    (void)curl_easy_setopt(curl, CURLOPT_SHARE,
-                           generation != nullptr ? generation->share : nullptr);
-    if (generation == nullptr || generation->credentials == nullptr ||
+    CURLSH* share = generation != nullptr ? shareFor(*generation, uri) : nullptr;
+    (void)curl_easy_setopt(curl, CURLOPT_SHARE, share);
+    if (share == nullptr || generation->credentials == nullptr ||
         !generation->credentials->usable(checking) ||
         !useParsed(curl, checking, generation->credentials)) {
         useFiles(curl, checking);

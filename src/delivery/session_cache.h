@@ -16,7 +16,8 @@ void createSessionCache();
 // more (no worker thread was ever started).
 void releaseSessionCache();
 
-// Lets the next transfer of curl resume a session of the cache and store the one it makes, and
+// Lets the next transfer of curl (to uri) resume a session of the cache and store the one it
+// makes, and
 // hands it the client certificate, its key and (checking: the destination is verified) the CA
 // bundle already parsed, when their files still hold what was parsed. The files are read anew
 // on every call. libcurl resumes a session only for the same host, port and TLS options;
@@ -24,7 +25,7 @@ void releaseSessionCache();
 // never hidden behind a resumed session. Without the cache, or when the parsed credentials
 // cannot stand in for the files, the transfer loads the files itself as setPostOptions set it
 // up, and libcurl reports any problem with them exactly as it always has.
-void attachSessionCache(CURL* curl, bool checking);
+void attachSessionCache(CURL* curl, const char* uri, bool checking);
 
 } // namespace rfevent
 

@@ -77,7 +77,7 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts,
             return;
         }
         // A retry resumes only sessions made with the credential files as they are now.
-        attachSessionCache(curl, settings.certificateSwitch == VERIFY_CERTIFICATES);
+        attachSessionCache(curl, uri, settings.certificateSwitch == VERIFY_CERTIFICATES);
     }
 }
 

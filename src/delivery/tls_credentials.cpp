@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "base/fd.h"
 #include "base/paths.h"
@@ -194,7 +195,10 @@ bool tlsLibraryIsOurs() {
            OPENSSL_version_major() == OPENSSL_VERSION_MAJOR;
 }
 
-TlsCredentials::TlsCredentials(const CredentialFiles& files) : parsed_(new Parsed) {
+TlsCredentials::TlsCredentials(const CredentialFiles& files) : parsed_(new (std::nothrow) Parsed) {
+    if (parsed_ == nullptr) {
+        return;
+    }
     Parsed& parsed = *parsed_;
     if (!parsed.loadCertificate(files.certificate) || !parsed.loadKey(files.key)) {
         X509_free(parsed.certificate);
@@ -215,7 +219,7 @@ TlsCredentials::~TlsCredentials() {
 }
 
 bool TlsCredentials::usable(bool checking) const {
-    return parsed_->certificate != nullptr && parsed_->key != nullptr &&
+    return parsed_ != nullptr && parsed_->certificate != nullptr && parsed_->key != nullptr &&
            (!checking || parsed_->store != nullptr);
 }
 

@@ -127,6 +127,23 @@ TEST_F(SessionReuseTest, ParallelPassesShareTheCacheWithTheSinglePost) {
     }
 }
 
+// libcurl keeps 8 sessions in one share handle; an alert to more destinations than that,
+// served in turn, still finds every session again.
+TEST_F(SessionReuseTest, MoreThanEightDestinationsAreAllResumed) {
+    std::vector<std::unique_ptr<HttpsServer>> servers;
+    for (int i = 0; i < 12; ++i) {
+        servers.push_back(std::make_unique<HttpsServer>(pki_));
+    }
+    for (int round = 0; round < 3; ++round) {
+        for (const auto& server : servers) {
+            ASSERT_TRUE(post(server->url("/" + std::to_string(round))));
+        }
+    }
+    for (const auto& server : servers) {
+        EXPECT_EQ(resumed(*server), (std::vector<bool>{false, true, true})) << server->url();
+    }
+}
+
 TEST_F(SessionReuseTest, CheckingOnNeverResumesASessionMadeWithCheckingOff) {
     HttpsServer server(pki_);
     writeDeliveryAttributes(1, 5, "Yes");
