@@ -194,7 +194,7 @@ bool RecordedRequest::hasHeaderLine(const std::string& line) const {
     return false;
 }
 
-HttpsServer::HttpsServer(const TestPki& pki, HttpsServerOptions options)
+HttpsServer::HttpsServer(const TestPki& pki, const HttpsServerOptions& options)
     : options_(options), status_(options.status), delayMs_(options.delayMs) {
     ignoreSigpipe();
     int wake[2];

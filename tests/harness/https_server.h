@@ -67,7 +67,7 @@ class HttpsServer {
 
     // Starts listening and serving at once. Throws std::runtime_error when
     // the TLS context or the listening socket cannot be set up.
-    explicit HttpsServer(const TestPki& pki, HttpsServerOptions options = {});
+    explicit HttpsServer(const TestPki& pki, const HttpsServerOptions& options = {});
     ~HttpsServer();
     HttpsServer(const HttpsServer&) = delete;
     HttpsServer& operator=(const HttpsServer&) = delete;
