@@ -22,17 +22,17 @@ inline int storeOps(const uint8_t* data, std::size_t size) {
     // drop that unit of work.
     writeWhole(store, in[0]);
     try {
-        (void)addInvalidMemberinSubscription(id.c_str());
+        (void)addInvalidMemberinSubscription(id);
     } catch (const std::exception&) {
     }
     writeWhole(store, in[0]);
     try {
-        (void)setSubscriptionState(id.c_str(), state.c_str());
+        (void)setSubscriptionState(id, state.c_str());
     } catch (const std::exception&) {
     }
     writeWhole(store, in[0]);
     try {
-        (void)removeSubscription(id.c_str());
+        (void)removeSubscription(id);
     } catch (const std::exception&) {
     }
     return 0;

@@ -2,8 +2,8 @@
 #ifndef RFEVENT_DELIVERY_TARGET_H
 #define RFEVENT_DELIVERY_TARGET_H
 
-#include <cstdint>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <string>
 
