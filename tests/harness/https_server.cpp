@@ -206,7 +206,18 @@ HttpsServer::HttpsServer(const TestPki& pki, const HttpsServerOptions& options)
     try {
         setUpTls(pki);
         setUpListener();
-        acceptThread_ = std::thread([this] { acceptLoop(); });
+        acceptThread_ = std::thread([this] {
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                accepting_ = true;
+            }
+            recorded_.notify_all();
+            acceptLoop();
+        });
+        // The accept thread has started up before the server is handed out: a test that forks
+        // right away must not copy a lock that thread's start-up holds into its child.
+        std::unique_lock<std::mutex> lock(mutex_);
+        recorded_.wait(lock, [this] { return accepting_; });
     } catch (...) {
         releaseResources();
         throw;

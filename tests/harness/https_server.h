@@ -151,6 +151,7 @@ class HttpsServer {
     mutable std::mutex mutex_;
     mutable std::condition_variable recorded_;
     std::vector<RecordedRequest> requests_;
+    bool accepting_ = false; // the accept thread has started
 
     std::thread acceptThread_;
     std::vector<Connection> connections_; // only touched by the accept thread, then by stop()
