@@ -71,6 +71,10 @@ inline bool waitUntil(const std::function<bool()>& done,
 // skipping them.
 inline std::string findNginx() {
     if (const char* chosen = std::getenv("RFEVENT_NGINX"); chosen != nullptr && *chosen != 0) {
+        if (::access(chosen, X_OK) != 0) {
+            throw std::runtime_error(std::string("RFEVENT_NGINX=") + chosen +
+                                     " is not an executable file");
+        }
         return chosen;
     }
     std::vector<std::string> candidates = {"/usr/sbin/nginx"};
@@ -360,6 +364,8 @@ class NginxServer {
             ::dup2(console, STDOUT_FILENO);
             ::dup2(console, STDERR_FILENO);
             ::execv(argv[0], argv.data());
+            static const char kExecFailed[] = "cannot execute nginx\n";
+            (void)!::write(STDERR_FILENO, kExecFailed, sizeof kExecFailed - 1);
             ::_exit(127);
         }
         ::close(console);
