@@ -8,6 +8,7 @@ packages=(
     build-essential cmake ninja-build pkg-config
     libcurl4-openssl-dev libjsoncpp-dev libsqlite3-dev libssl-dev
     libgtest-dev libgmock-dev libbenchmark-dev
+    nginx-light # tests/interop: a real front server with client-certificate checking
 )
 # Extra groups, asked for by name: "lint", "fuzz", "armhf", "valgrind". "armhf" also lays out
 # a sysroot with the target's libraries (see make_armhf_sysroot below).
