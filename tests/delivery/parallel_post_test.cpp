@@ -29,7 +29,8 @@ TestPki pki() {
     return generateTestPki(rooted("/pki"));
 }
 
-// The parallel path presents no client certificate, so its destinations must not ask for one.
+// Destinations that ask for the client certificate without insisting on it, so a test sees
+// whether the parallel POST presented it.
 std::unique_ptr<HttpsServer> openServer(int status = 200, int delayMs = 0) {
     HttpsServerOptions options;
     options.requireClientCert = false;
