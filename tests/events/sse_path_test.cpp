@@ -11,9 +11,9 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
+#include "harness/wait.h"
 
 namespace tk = rfevent::testkit;
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -142,7 +142,7 @@ TEST_F(SsePathTest, SpecialMessageHasIntegerIdZero) {
         tk::AlertFields fields = tk::fullAlert();
         fields.messageId = messageId;
         send(fields);
-        receiver_->waitForFifoMessages(1, 5s);
+        receiver_->waitForFifoMessages(1, tk::kEventDeadline);
         auto sent = receiver_->fifoMessages();
         receiver_->clear();
         ASSERT_EQ(sent.size(), 1u) << messageId;
