@@ -23,6 +23,7 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
+#include "harness/wait.h"
 #include "telemetry/replay.h"
 #include "telemetry/replay_internal.h"
 #include "telemetry/report_db.h"
@@ -313,8 +314,10 @@ TEST_F(SseReplayTest, ThreadBodyServesTheFifoAndPollsWhenIdle) {
     const std::string request = "17|" + kCpuFilter;
     EXPECT_EQ(write(fd, request.c_str(), request.size()), static_cast<ssize_t>(request.size()));
     close(fd);
-    const bool delivered = live.waitForPieces(3, 5s);
-    std::this_thread::sleep_for(2500ms); // one idle poll after the pacing pause
+    const bool delivered = live.waitForPieces(3, rfevent::testkit::kEventDeadline);
+    // After the pacing pause the idle pipe is read again.
+    EXPECT_TRUE(rfevent::testkit::waitUntil(
+        [&] { return log.count(5, "SSEINFRAFIFO read happened") >= 2; }));
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     ASSERT_TRUE(delivered) << log.dump();
