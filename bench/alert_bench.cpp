@@ -1,7 +1,9 @@
 // Alerts to N push subscribers through sendRedFishEventAlert, against N plain libcurl POSTs
-// with the same options and bodies to the same mutual-TLS destination.
+// with the same options and bodies to the same mutual-TLS destination; and the same with TLS
+// session reuse, against the full handshakes of plain POSTs.
 #include <curl/curl.h>
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -53,26 +55,41 @@ void plainPost(const std::string& url, const std::string& body, bool verify) {
     curl_slist_free_all(headers);
 }
 
+using Posts = std::vector<std::pair<std::string, std::string>>;
+
+// One alert through the plug-in; its requests, checked for number, are what the floor sends:
+// the same bytes to the same paths.
+Posts alertPosts(HttpsServer& server, int subscribers) {
+    int eventContext = 0;
+    server.clear();
+    sendRedFishEventAlert(sampleAlert(), &eventContext);
+    std::vector<testkit::RecordedRequest> requests = server.requests();
+    if (requests.size() != static_cast<std::size_t>(subscribers)) {
+        throw std::runtime_error("alert case: the destination got " +
+                                 std::to_string(requests.size()) + " requests");
+    }
+    Posts posts;
+    posts.reserve(requests.size());
+    for (const testkit::RecordedRequest& request : requests) {
+        posts.emplace_back(server.url(request.target), request.body);
+    }
+    return posts;
+}
+
+std::string caseName(int subscribers) {
+    return "alert to " + std::to_string(subscribers) + " push subscriber" +
+           (subscribers == 1 ? "" : "s");
+}
+
+// The destination refuses resumption: both sides make full handshakes, and the ratio is the
+// plug-in's own cost around them.
 void runOne(const Context& context, Table& table, HttpsServer& server, int subscribers,
             bool verify) {
     testkit::writeDeliveryAttributes(3, 5, verify ? "No" : "Yes");
     testkit::writeSubscriptionStore(alertStore(server, subscribers));
     DataEventHeader* alert = sampleAlert();
     int eventContext = 0;
-
-    // One alert first, for the bodies the floor sends: the same bytes to the same paths.
-    server.clear();
-    sendRedFishEventAlert(alert, &eventContext);
-    std::vector<testkit::RecordedRequest> requests = server.requests();
-    if (requests.size() != static_cast<std::size_t>(subscribers)) {
-        throw std::runtime_error("alert case: the destination got " +
-                                 std::to_string(requests.size()) + " requests");
-    }
-    std::vector<std::pair<std::string, std::string>> posts;
-    posts.reserve(requests.size());
-    for (const testkit::RecordedRequest& request : requests) {
-        posts.emplace_back(server.url(request.target), request.body);
-    }
+    const Posts posts = alertPosts(server, subscribers);
 
     Comparison result = compareAlternating(
         [&] {
@@ -86,10 +103,49 @@ void runOne(const Context& context, Table& table, HttpsServer& server, int subsc
             }
         },
         context.schedule(subscribers == 1 ? 25 : 7, subscribers == 1 ? 20 : 3));
-    std::string name = "alert to " + std::to_string(subscribers) + " push subscriber" +
-                       (subscribers == 1 ? "" : "s") + ", certificate checking " +
-                       (verify ? "on" : "off");
+    std::string name = caseName(subscribers) + ", certificate checking " + (verify ? "on" : "off");
     table.add({name, result.plugin, result.floor, Unit::Seconds});
+}
+
+// Throws unless the requests since the last clear resumed their sessions (or did not).
+void expectResumption(const HttpsServer& server, bool resumed, const char* side) {
+    for (const testkit::RecordedRequest& request : server.requests()) {
+        if (request.sessionResumed != resumed) {
+            throw std::runtime_error(std::string("session reuse case: ") + side +
+                                     (resumed ? " made a full handshake" : " resumed a session"));
+        }
+    }
+}
+
+// The destination allows resumption, as ordinary servers do: the plug-in resumes its sessions,
+// the floor makes the full handshakes every POST made before the session cache. Certificate
+// checking is on, and both sides present the client certificate.
+void runReuse(const Context& context, Table& table, HttpsServer& server, int subscribers) {
+    testkit::writeDeliveryAttributes(3, 5, "No");
+    testkit::writeSubscriptionStore(alertStore(server, subscribers));
+    DataEventHeader* alert = sampleAlert();
+    int eventContext = 0;
+    const Posts posts = alertPosts(server, subscribers);
+    auto plugin = [&] {
+        server.clear();
+        sendRedFishEventAlert(alert, &eventContext);
+    };
+    auto floor = [&] {
+        server.clear();
+        for (const auto& post : posts) {
+            plainPost(post.first, post.second, true);
+        }
+    };
+    plugin();
+    expectResumption(server, true, "the plug-in");
+    floor();
+    expectResumption(server, false, "the floor");
+
+    Costs result = compareCosts(
+        plugin, floor, context.schedule(subscribers == 1 ? 25 : 7, subscribers == 1 ? 20 : 3));
+    const std::string name = caseName(subscribers) + ", session reuse vs full handshakes";
+    table.add({name + ", CPU", result.cpu.plugin, result.cpu.floor, Unit::Seconds});
+    table.add({name + ", wall", result.wall.plugin, result.wall.floor, Unit::Seconds});
 }
 
 } // namespace
@@ -97,11 +153,17 @@ void runOne(const Context& context, Table& table, HttpsServer& server, int subsc
 void runAlertCases(const Context& context, Table& table) {
     testkit::HttpsServerOptions options;
     options.requireClientCert = true;
+    options.resumption = false;
     HttpsServer server(context.pki, options);
     for (bool verify : {false, true}) {
         for (int subscribers : {1, 10, 30}) {
             runOne(context, table, server, subscribers, verify);
         }
+    }
+    options.resumption = true;
+    HttpsServer resuming(context.pki, options);
+    for (int subscribers : {1, 30}) {
+        runReuse(context, table, resuming, subscribers);
     }
     testkit::removeFile(
         testkit::rooted("/var/lib/lumenrest/redfish_subscriptions/subscriptions.json"));

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <vector>
 
 namespace rfevent::bench {
@@ -17,13 +18,34 @@ double median(std::vector<double> values) {
     return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
-double timePerOperation(const std::function<void()>& operation, int count) {
+double processCpuSeconds() {
+    timespec now{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+struct Sample {
+    double wall;
+    double cpu;
+};
+
+Sample timePerOperation(const std::function<void()>& operation, int count) {
     const double start = nowSeconds();
+    const double cpuStart = processCpuSeconds();
     for (int i = 0; i < count; ++i) {
         operation();
     }
-    return secondsSince(start) / count;
+    return {secondsSince(start) / count, (processCpuSeconds() - cpuStart) / count};
 }
+
+struct Samples {
+    std::vector<double> wall;
+    std::vector<double> cpu;
+    void add(const Sample& sample) {
+        wall.push_back(sample.wall);
+        cpu.push_back(sample.cpu);
+    }
+};
 
 } // namespace
 
@@ -36,22 +58,28 @@ double secondsSince(double start) {
     return nowSeconds() - start;
 }
 
-Comparison compareAlternating(const std::function<void()>& plugin,
-                              const std::function<void()>& floor, Schedule schedule) {
+Costs compareCosts(const std::function<void()>& plugin, const std::function<void()>& floor,
+                   Schedule schedule) {
     plugin();
     floor();
-    std::vector<double> pluginTimes;
-    std::vector<double> floorTimes;
+    Samples pluginTimes;
+    Samples floorTimes;
     for (int round = 0; round < schedule.rounds; ++round) {
         if (round % 2 == 0) {
-            pluginTimes.push_back(timePerOperation(plugin, schedule.perRound));
-            floorTimes.push_back(timePerOperation(floor, schedule.perRound));
+            pluginTimes.add(timePerOperation(plugin, schedule.perRound));
+            floorTimes.add(timePerOperation(floor, schedule.perRound));
         } else {
-            floorTimes.push_back(timePerOperation(floor, schedule.perRound));
-            pluginTimes.push_back(timePerOperation(plugin, schedule.perRound));
+            floorTimes.add(timePerOperation(floor, schedule.perRound));
+            pluginTimes.add(timePerOperation(plugin, schedule.perRound));
         }
     }
-    return {median(pluginTimes), median(floorTimes)};
+    return {{median(pluginTimes.wall), median(floorTimes.wall)},
+            {median(pluginTimes.cpu), median(floorTimes.cpu)}};
+}
+
+Comparison compareAlternating(const std::function<void()>& plugin,
+                              const std::function<void()>& floor, Schedule schedule) {
+    return compareCosts(plugin, floor, schedule).wall;
 }
 
 double medianSeconds(const std::function<void()>& operation, Schedule schedule) {
@@ -59,7 +87,7 @@ double medianSeconds(const std::function<void()>& operation, Schedule schedule) 
     std::vector<double> times;
     times.reserve(static_cast<std::size_t>(schedule.rounds));
     for (int round = 0; round < schedule.rounds; ++round) {
-        times.push_back(timePerOperation(operation, schedule.perRound));
+        times.push_back(timePerOperation(operation, schedule.perRound).wall);
     }
     return median(times);
 }

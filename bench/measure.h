@@ -22,6 +22,15 @@ struct Schedule {
 Comparison compareAlternating(const std::function<void()>& plugin,
                               const std::function<void()>& floor, Schedule schedule);
 
+// The same, timing each round both by the clock and by the CPU time of the whole process (the
+// plug-in or floor and the in-process receivers together).
+struct Costs {
+    Comparison wall;
+    Comparison cpu;
+};
+Costs compareCosts(const std::function<void()>& plugin, const std::function<void()>& floor,
+                   Schedule schedule);
+
 // Seconds per operation of one side alone, median over the rounds.
 double medianSeconds(const std::function<void()>& operation, Schedule schedule);
 

@@ -1,11 +1,15 @@
 // Metric reports to push subscribers through send_report_to_subscription, against one plain
-// libcurl multi pass with the same body to the same destinations.
+// libcurl multi pass with the same body to the same destinations; and the same with TLS session
+// reuse, against the full handshakes of a plain pass.
 #include <curl/curl.h>
 
+#include <cstdio>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "base/paths.h"
 #include "cases.h"
 #include "harness/https_server.h"
 #include "harness/sandbox.h"
@@ -62,16 +66,25 @@ Json::Value reportStore(const HttpsServer& server, int destinations,
     return store;
 }
 
-// The shortest code for the same transfers: one multi pass, libcurl's own wait.
-void plainMultiPass(const std::vector<std::string>& urls, const std::string& body) {
+// The shortest code for the same transfers: one multi pass, libcurl's own wait. Like every
+// POST of the plug-in it presents the client certificate; with verify, the destinations are
+// checked against the CA bundle.
+void plainMultiPass(const std::vector<std::string>& urls, const std::string& body,
+                    bool verify = false) {
     CURLM* multi = curl_multi_init();
     curl_slist* headers = curl_slist_append(nullptr, "Expect:");
     headers = curl_slist_append(headers, "Content-Type: application/json");
     std::vector<CURL*> handles;
     for (const std::string& url : urls) {
         CURL* curl = plainPostHandle(url, body, headers);
-        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
-        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+        curl_easy_setopt(curl, CURLOPT_SSLCERT, fixedPath(FixedPath::ClientCertificate));
+        curl_easy_setopt(curl, CURLOPT_SSLKEY, fixedPath(FixedPath::ClientKey));
+        if (verify) {
+            curl_easy_setopt(curl, CURLOPT_CAINFO, fixedPath(FixedPath::ServerCaBundle));
+        } else {
+            curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
+            curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+        }
         curl_multi_add_handle(multi, curl);
         handles.push_back(curl);
     }
@@ -124,10 +137,45 @@ void thirtyDestinations(const Context& context, Table& table, HttpsServer& serve
                Unit::Seconds});
 }
 
+// The destinations allow resumption: the pass resumes the sessions the previous pass left,
+// the floor's pass makes full handshakes. Certificate checking is on and both sides present the
+// client certificate. All 30 destinations are one server, so transfers of one pass that start
+// before the first resumed handshake ends may not find a session yet.
+void reuseThirty(const Context& context, Table& table, const std::string& report) {
+    testkit::writeDeliveryAttributes(3, 5, "No");
+    HttpsServer server(context.pki);
+    testkit::writeSubscriptionStore(reportStore(server, 30));
+    deliverOnce(report, server, 30);
+    std::vector<std::string> urls;
+    for (const testkit::RecordedRequest& request : server.requests()) {
+        urls.push_back(server.url(request.target));
+    }
+    deliverOnce(report, server, 30);
+    std::size_t resumed = 0;
+    for (const testkit::RecordedRequest& request : server.requests()) {
+        resumed += request.sessionResumed ? 1 : 0;
+    }
+    if (resumed == 0) {
+        throw std::runtime_error("report reuse case: the pass resumed no session");
+    }
+    std::fprintf(stderr, "  (%zu of 30 transfers of a pass resumed a session)\n", resumed);
+    Costs result = compareCosts([&] { deliverOnce(report, server, 30); },
+                                [&] {
+                                    server.clear();
+                                    plainMultiPass(urls, report, true);
+                                },
+                                context.schedule(9, 3));
+    const std::string name = "metric report to 30 destinations, session reuse vs full handshakes";
+    table.add({name + ", CPU", result.cpu.plugin, result.cpu.floor, Unit::Seconds});
+    table.add({name + ", wall", result.wall.plugin, result.wall.floor, Unit::Seconds});
+    testkit::writeDeliveryAttributes(3, 5, "Yes");
+}
+
 void slowDestination(const Context& context, Table& table, HttpsServer& server,
                      const std::string& report) {
     testkit::HttpsServerOptions options;
     options.requireClientCert = false;
+    options.resumption = false;
     options.delayMs = 1000;
     HttpsServer slow(context.pki, options);
     testkit::writeSubscriptionStore(reportStore(server, 30, &slow));
@@ -173,14 +221,18 @@ void manyDestinations(const Context& context, Table& table, HttpsServer& server,
 
 void runReportCases(const Context& context, Table& table) {
     testkit::writeDeliveryAttributes(3, 5, "Yes");
+    // The destinations refuse resumption: both sides make full handshakes, and the ratios are
+    // the plug-in's own cost around them.
     testkit::HttpsServerOptions options;
     options.requireClientCert = false;
+    options.resumption = false;
     HttpsServer server(context.pki, options);
     const std::string report = sampleReport();
     thirtyDestinations(context, table, server, report);
     slowDestination(context, table, server, report);
     manyDestinations(context, table, server, report, 100);
     manyDestinations(context, table, server, report, 300);
+    reuseThirty(context, table, report);
     testkit::removeFile(
         testkit::rooted("/var/lib/lumenrest/redfish_subscriptions/subscriptions.json"));
 }

@@ -6,6 +6,7 @@
 #include "base/config.h"
 #include "base/paths.h"
 #include "delivery/http_headers.h"
+#include "delivery/session_cache.h"
 
 namespace rfevent {
 
@@ -128,6 +129,7 @@ bool setPostOptions(SourceSpot spot, CURL* curl, const char* uri, const char* bo
         return false;
     }
     (void)curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, discardBody);
+    attachSessionCache(curl, uri, settings.certificateSwitch == VERIFY_CERTIFICATES);
     return true;
 }
 

@@ -35,8 +35,9 @@ extern const PostFlavour kParallelPost;
 // elements.
 CurlList buildHeaderList(const Json::Value& subscription, const PostFlavour& flavour);
 
-// Sets every option of one POST of body to uri, in a fixed order, logging under spot. False
-// when a fatal option was refused (already logged): the transfer must not run.
+// Sets every option of one POST of body to uri, in a fixed order, logging under spot, and
+// attaches the TLS session cache. False when a fatal option was refused (already logged): the
+// transfer must not run.
 bool setPostOptions(SourceSpot spot, CURL* curl, const char* uri, const char* body,
                     curl_slist* headers, const PostSettings& settings, const PostFlavour& flavour);
 

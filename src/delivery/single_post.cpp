@@ -11,6 +11,7 @@
 #include "base/log.h"
 #include "delivery/curl_options.h"
 #include "delivery/jxlog.h"
+#include "delivery/session_cache.h"
 
 namespace rfevent {
 
@@ -46,7 +47,9 @@ void logCertificateChain(CURL* curl) {
 }
 
 // Up to attempts transfers; after the last failed one the event-log entry and the flag.
-void attemptDelivery(CURL* curl, const char* uri, int attempts, int interval, bool* failed) {
+void attemptDelivery(CURL* curl, const char* uri, int attempts,
+                     const rfevent::PostSettings& settings, bool* failed) {
+    const int interval = static_cast<int>(settings.interval);
     if (attempts <= 0) {
         return; // a retry count of 0 switches this delivery off
     }
@@ -73,6 +76,8 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts, int interval, bo
             *failed = true;
             return;
         }
+        // A retry resumes only sessions made with the credential files as they are now.
+        attachSessionCache(curl, uri, settings.certificateSwitch == VERIFY_CERTIFICATES);
     }
 }
 
@@ -94,7 +99,7 @@ void postLocked(const char* formData, const char* uri, const Json::Value& subscr
     rfevent::CurlList headers = rfevent::buildHeaderList(subscription, rfevent::kSinglePost);
     if (rfevent::setPostOptions(RF_HERE, curl.get(), uri, formData, headers.get(), settings,
                                 rfevent::kSinglePost)) {
-        attemptDelivery(curl.get(), uri, attempts, static_cast<int>(settings.interval), failed);
+        attemptDelivery(curl.get(), uri, attempts, settings, failed);
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include "base/guard.h"
 #include "base/log.h"
+#include "delivery/session_cache.h"
 #include "rfevent/redfish_event.h"
 #include "subscriptions/invalid_dest.h"
 #include "telemetry/notify_thread.h"
@@ -98,12 +99,17 @@ RFEVENT_API void RedfishEventPluginInit(void) {
         RF_LOG(rfevent::kLogError, "[%s():%d]curl_global_init failed");
     } else {
         RF_LOG(rfevent::kLogDebug, "[%s():%d]curl_global_init Success");
+        rfevent::createSessionCache();
     }
     RF_EXIT();
 }
 
 RFEVENT_API void RedfishEventPluginCleanup(void) {
     RF_ENTER();
+    // Worker threads are never stopped: once one ran, a POST may still use the cache.
+    if (!rfevent::g_workersStarted.load(std::memory_order_relaxed)) {
+        rfevent::releaseSessionCache();
+    }
     curl_global_cleanup();
     RF_EXIT();
 }

@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -74,8 +73,53 @@ ssize_t sendOnce(int fd, const char* msg, std::size_t length) {
     return sent;
 }
 
-// Connects to the first resolved address and sends msg once. Called with sse_send_mutex held.
-PieceResult sendOverFreshConnection(const char* msg) {
+// The stream server's address as the first resolved entry gives it, and that address as text.
+struct Peer {
+    addrinfo entry;
+    sockaddr_storage address;
+    char text[kPeerAddressSize];
+};
+
+void keepPeer(const addrinfo* first, Peer& peer) {
+    peer.entry = *first;
+    std::memcpy(&peer.address, first->ai_addr, first->ai_addrlen);
+    peer.entry.ai_addr = reinterpret_cast<sockaddr*>(&peer.address);
+    peer.entry.ai_canonname = nullptr;
+    peer.entry.ai_next = nullptr;
+    renderPeer(first, peer.text, sizeof peer.text);
+}
+
+bool allDigits(const char* text) {
+    if (*text == '\0') {
+        return false;
+    }
+    for (; *text != '\0'; ++text) {
+        if (*text < '0' || *text > '9') {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The host and the service never change while the process runs. A numeric address and port
+// resolve to the same entry every time, so theirs is kept after the first success (the cost of
+// resolving and rendering it is a good part of the plug-in's own work per piece); a name is
+// resolved for every piece. Only touched with sse_send_mutex held.
+Peer g_numericPeer;
+bool g_numericPeerKept = false;
+
+bool isNumericAddress(const char* host, const char* service) {
+    unsigned char address[sizeof(in6_addr)];
+    return allDigits(service) &&
+           (inet_pton(AF_INET, host, address) == 1 || inet_pton(AF_INET6, host, address) == 1);
+}
+
+// Resolves the stream server's address: the kept one of a numeric address, else into scratch.
+// Null (logged) when it cannot be resolved.
+const Peer* resolvePeer(Peer& scratch) {
+    if (g_numericPeerKept) {
+        return &g_numericPeer;
+    }
     addrinfo hints;
     std::memset(&hints, 0, sizeof hints);
     hints.ai_socktype = SOCK_STREAM;
@@ -83,10 +127,25 @@ PieceResult sendOverFreshConnection(const char* msg) {
     int status = getaddrinfo(sseHost(), sseService(), &hints, &resolved);
     if (status != 0) {
         RF_LOG(kLogError, "[%s():%d]getaddrinfo: %s\n", gai_strerror(status));
+        return nullptr;
+    }
+    keepPeer(resolved, scratch);
+    freeaddrinfo(resolved);
+    if (isNumericAddress(sseHost(), sseService())) {
+        keepPeer(&scratch.entry, g_numericPeer);
+        g_numericPeerKept = true;
+    }
+    return &scratch;
+}
+
+// Connects to the first resolved address and sends msg once. Called with sse_send_mutex held.
+PieceResult sendOverFreshConnection(std::string_view msg) {
+    Peer scratch;
+    const Peer* peer = resolvePeer(scratch);
+    if (peer == nullptr) {
         return PieceResult::Failed;
     }
-    std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> results(resolved, freeaddrinfo);
-    const addrinfo* first = results.get();
+    const addrinfo* first = &peer->entry;
     UniqueFd socketFd(
         socket(first->ai_family, first->ai_socktype | SOCK_CLOEXEC, first->ai_protocol));
     sse_sock_fd = socketFd.get();
@@ -98,19 +157,15 @@ PieceResult sendOverFreshConnection(const char* msg) {
     if (error != 0) {
         socketFd.reset();
         sse_sock_fd = -1;
-        results.reset();
         RF_LOG(kLogError, "[%s():%d]client: connect failure errorno:%d stderr:%s", error,
                strerror(error));
         return error == ETIMEDOUT ? PieceResult::NotAccepted : PieceResult::Failed;
     }
-    char peer[kPeerAddressSize];
-    renderPeer(first, peer, sizeof peer);
-    RF_LOG(kLogInfo, "[%s():%d]client: connecting to %s\n", peer);
-    results.reset();
+    RF_LOG(kLogInfo, "[%s():%d]client: connecting to %s\n", peer->text);
 
-    std::size_t length = std::strlen(msg);
+    std::size_t length = msg.size();
     RF_LOG(kLogError, "[%s():%d]buf length: %d", static_cast<int>(length));
-    ssize_t sent = sendOnce(socketFd.get(), msg, length);
+    ssize_t sent = sendOnce(socketFd.get(), msg.data(), length);
     if (sent == -1) {
         RF_LOG(kLogError, "[%s():%d]send error");
     } else {

@@ -163,6 +163,8 @@ TestPki pathsFor(const std::string& dir) {
     pki.serverKey = dir + "/server.key";
     pki.clientCert = dir + "/client.crt";
     pki.clientKey = dir + "/client.key";
+    pki.otherClientCert = dir + "/client2.crt";
+    pki.otherClientKey = dir + "/client2.key";
     pki.otherCaCert = dir + "/other.crt";
     pki.otherCaKey = dir + "/other.key";
     return pki;
@@ -171,7 +173,7 @@ TestPki pathsFor(const std::string& dir) {
 bool allFilesExist(const TestPki& pki) {
     for (const std::string* path :
          {&pki.caCert, &pki.caKey, &pki.serverCert, &pki.serverKey, &pki.clientCert, &pki.clientKey,
-          &pki.otherCaCert, &pki.otherCaKey}) {
+          &pki.otherClientCert, &pki.otherClientKey, &pki.otherCaCert, &pki.otherCaKey}) {
         if (!fs::exists(*path)) {
             return false;
         }
@@ -191,6 +193,9 @@ TestPki writeNewPki(const std::string& dir) {
     KeyPtr clientKey = newKey();
     CertPtr client =
         makeCert(clientKey.get(), kTestClientCn, ca.get(), caKey.get(), kClientExtensions);
+    KeyPtr otherClientKey = newKey();
+    CertPtr otherClient =
+        makeCert(otherClientKey.get(), kOtherClientCn, ca.get(), caKey.get(), kClientExtensions);
     KeyPtr otherKey = newKey();
     CertPtr other = makeCert(otherKey.get(), "rfevent other CA", nullptr, nullptr, kCaExtensions);
 
@@ -200,6 +205,8 @@ TestPki writeNewPki(const std::string& dir) {
     writeKey(pki.serverKey, serverKey.get());
     writeCert(pki.clientCert, client.get());
     writeKey(pki.clientKey, clientKey.get());
+    writeCert(pki.otherClientCert, otherClient.get());
+    writeKey(pki.otherClientKey, otherClientKey.get());
     writeCert(pki.otherCaCert, other.get());
     writeKey(pki.otherCaKey, otherKey.get());
     return pki;
@@ -230,6 +237,11 @@ void installClientCredentials(const TestPki& pki, const std::string& root, bool 
     copyInto(pki.clientCert, root + "/etc/certs/CA/certs/host.crt");
     copyInto(pki.clientKey, root + "/flash/data0/cv/private/host.key");
     copyInto(goodCa ? pki.caCert : pki.otherCaCert, root + "/etc/certs/pubkey/https_server_ca.crt");
+}
+
+void installOtherClientIdentity(const TestPki& pki, const std::string& root) {
+    copyInto(pki.otherClientCert, root + "/etc/certs/CA/certs/host.crt");
+    copyInto(pki.otherClientKey, root + "/flash/data0/cv/private/host.key");
 }
 
 } // namespace rfevent::testkit

@@ -1,5 +1,5 @@
-// Test PKI for the HTTPS delivery tests: a CA, a server certificate and a
-// client certificate signed by it, and an unrelated second CA for the
+// Test PKI for the HTTPS delivery tests: a CA, a server certificate and two
+// client certificates signed by it, and an unrelated second CA for the
 // "certificate does not verify" cases. Everything is generated with the
 // OpenSSL C API at test time (EC P-256 keys, so it takes milliseconds).
 #ifndef RFEVENT_TESTS_CERTS_H
@@ -12,18 +12,22 @@ namespace rfevent::testkit {
 // Paths of the generated PEM files. All of them live in `dir`.
 struct TestPki {
     std::string dir;
-    std::string caCert;      // dir/ca.crt
-    std::string caKey;       // dir/ca.key
-    std::string serverCert;  // dir/server.crt, SAN IP:127.0.0.1 and DNS:localhost
-    std::string serverKey;   // dir/server.key
-    std::string clientCert;  // dir/client.crt, CN "rfevent-client", EKU clientAuth
-    std::string clientKey;   // dir/client.key
-    std::string otherCaCert; // dir/other.crt, a CA that signed nothing above
-    std::string otherCaKey;  // dir/other.key
+    std::string caCert;          // dir/ca.crt
+    std::string caKey;           // dir/ca.key
+    std::string serverCert;      // dir/server.crt, SAN IP:127.0.0.1 and DNS:localhost
+    std::string serverKey;       // dir/server.key
+    std::string clientCert;      // dir/client.crt, CN "rfevent-client", EKU clientAuth
+    std::string clientKey;       // dir/client.key
+    std::string otherClientCert; // dir/client2.crt, CN "rfevent-client-2", same CA
+    std::string otherClientKey;  // dir/client2.key
+    std::string otherCaCert;     // dir/other.crt, a CA that signed nothing above
+    std::string otherCaKey;      // dir/other.key
 };
 
 // Subject CN of the generated client certificate.
 inline constexpr const char* kTestClientCn = "rfevent-client";
+// Subject CN of the second client certificate, signed by the same CA.
+inline constexpr const char* kOtherClientCn = "rfevent-client-2";
 
 // Generates the PKI into `dir` (created if missing). The result is cached per
 // folder for the life of the process: later calls with the same folder return
@@ -39,6 +43,10 @@ TestPki generateTestPki(const std::string& dir);
 //                                                the unrelated CA if !goodCa
 // Parent folders are created; existing files are overwritten.
 void installClientCredentials(const TestPki& pki, const std::string& root, bool goodCa = true);
+
+// Puts the second client certificate and its key in place of the first, at the same fixed
+// locations, as an operator replacing the controller's certificate would.
+void installOtherClientIdentity(const TestPki& pki, const std::string& root);
 
 } // namespace rfevent::testkit
 

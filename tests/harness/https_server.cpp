@@ -247,8 +247,20 @@ void HttpsServer::setUpTls(const TestPki& pki) {
         // still recorded per request.
         SSL_CTX_set_verify(ctx_, SSL_VERIFY_PEER, [](int, X509_STORE_CTX*) { return 1; });
     }
-    SSL_CTX_set_num_tickets(ctx_, 0); // one request per connection: tickets are useless
-    SSL_CTX_set_session_cache_mode(ctx_, SSL_SESS_CACHE_OFF);
+    if (options_.resumption) {
+        // A server that asks for client certificates resumes only sessions of its own context.
+        static const unsigned char kSessionContext[] = "rfevent-test-destination";
+        SSL_CTX_set_session_id_context(ctx_, kSessionContext, sizeof kSessionContext - 1);
+        SSL_CTX_sess_set_cache_size(ctx_, 1024); // TLS 1.2 session ids; tickets need no room
+    } else {
+        SSL_CTX_set_options(ctx_, SSL_OP_NO_TICKET);
+        SSL_CTX_set_num_tickets(ctx_, 0);
+        SSL_CTX_set_session_cache_mode(ctx_, SSL_SESS_CACHE_OFF);
+    }
+    if (options_.maxTlsVersion != 0 &&
+        SSL_CTX_set_max_proto_version(ctx_, options_.maxTlsVersion) != 1) {
+        throw std::runtime_error("https server: unsupported highest TLS version");
+    }
     warmCertificateCaches();
 }
 
@@ -274,10 +286,13 @@ void HttpsServer::setUpListener() {
     if (listenFd_ < 0) {
         throw std::runtime_error("https server: socket failed");
     }
+    // A destination restarted on its old port must not wait for that port's closed connections.
+    const int reuse = 1;
+    ::setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
+    address.sin_port = htons(static_cast<uint16_t>(options_.port));
     socklen_t length = sizeof address;
     if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(listenFd_, 128) != 0 ||
@@ -597,6 +612,7 @@ void HttpsServer::serveConnection(int fd) {
         handshakeFailures_.fetch_add(1, std::memory_order_relaxed);
     } else {
         RecordedRequest request;
+        request.sessionResumed = SSL_session_reused(ssl) == 1;
         if (X509* peer = SSL_get1_peer_certificate(ssl)) {
             request.clientCertPresented = true;
             request.clientCertVerified = SSL_get_verify_result(ssl) == X509_V_OK;

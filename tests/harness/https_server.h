@@ -9,6 +9,8 @@
 // thread (at most kMaxLiveConnections at a time), so many parallel clients
 // are served at once and a slow answer on one connection holds up no other.
 // Every connection carries one request: the answer says "Connection: close".
+// Clients may resume their TLS sessions (tickets, and session ids for TLS 1.2), as ordinary
+// servers allow; each recorded request says whether its handshake was a resumption.
 #ifndef RFEVENT_TESTS_HTTPS_SERVER_H
 #define RFEVENT_TESTS_HTTPS_SERVER_H
 
@@ -38,6 +40,10 @@ struct HttpsServerOptions {
     // Record each request but answer none until releaseAnswers() (or stop()): shows that
     // requests are in flight at the same time without betting on how long a handshake takes.
     bool holdAnswers = false;
+    // False: no tickets and no session cache, so every handshake is a full one.
+    bool resumption = true;
+    int maxTlsVersion = 0; // e.g. TLS1_2_VERSION; 0: the library's highest
+    int port = 0;          // 0: an ephemeral port; else this one (a restarted destination)
 };
 
 // One received request, exactly as it arrived.
@@ -56,6 +62,7 @@ struct RecordedRequest {
     bool clientCertPresented = false;
     bool clientCertVerified = false; // presented and verified against the test CA
     std::string clientCn;            // subject CN of the client certificate, if any
+    bool sessionResumed = false;     // the handshake resumed an earlier session
     std::chrono::steady_clock::time_point receivedAt; // when the body was complete
 
     // Value of the first header whose name matches case-insensitively, or ""

@@ -1,5 +1,6 @@
 // Test main: every test process gets a fresh sandbox root, a log file at level 5 and its own
-// SSE port, set in the environment before the plug-in first reads it.
+// SSE port, set in the environment before the plug-in first reads it, and the plug-in's TLS
+// session cache, as the host's load creates it.
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "delivery/session_cache.h"
 #include "harness/sandbox.h"
 
 namespace {
@@ -45,8 +47,11 @@ int main(int argc, char** argv) {
     ::setenv("RFEVENT_LOG_LEVEL", "5", 0);
     ::setenv("RFEVENT_SSE_PORT", std::to_string(freeLoopbackPort()).c_str(), 1);
     rfevent::testkit::resetSandbox();
+    // As the host's load does: libcurl first, then the TLS session cache every POST uses.
     curl_global_init(CURL_GLOBAL_ALL);
+    rfevent::createSessionCache();
     int result = RUN_ALL_TESTS();
+    rfevent::releaseSessionCache();
     curl_global_cleanup();
     if (std::getenv("RFEVENT_KEEP_SANDBOX") == nullptr) {
         std::string command = "rm -rf '" + root + "'";

@@ -67,9 +67,9 @@ TestPki pki() {
 TEST(TestPkiTest, WritesAllFilesIntoTheFolder) {
     const TestPki files = pki();
     EXPECT_EQ(files.dir, rooted("/pki"));
-    for (const std::string& path :
-         {files.caCert, files.caKey, files.serverCert, files.serverKey, files.clientCert,
-          files.clientKey, files.otherCaCert, files.otherCaKey}) {
+    for (const std::string& path : {files.caCert, files.caKey, files.serverCert, files.serverKey,
+                                    files.clientCert, files.clientKey, files.otherClientCert,
+                                    files.otherClientKey, files.otherCaCert, files.otherCaKey}) {
         EXPECT_TRUE(fileExists(path)) << path;
         EXPECT_EQ(readFile(path).rfind("-----BEGIN ", 0), 0u) << path;
     }
@@ -97,12 +97,23 @@ TEST(TestPkiTest, ClientCertificateIsForClientAuthWithItsCn) {
     EXPECT_FALSE(verifies(client.get(), files.otherCaCert, X509_PURPOSE_SSL_CLIENT));
 }
 
+TEST(TestPkiTest, SecondClientCertificateIsAnotherIdentityOfTheSameCa) {
+    const TestPki files = pki();
+    CertPtr client = loadCert(files.otherClientCert);
+    ASSERT_TRUE(client);
+    EXPECT_EQ(subjectCn(client.get()), kOtherClientCn);
+    EXPECT_TRUE(verifies(client.get(), files.caCert, X509_PURPOSE_SSL_CLIENT));
+    EXPECT_NE(readFile(files.otherClientKey), readFile(files.clientKey));
+}
+
 TEST(TestPkiTest, KeysMatchTheirCertificates) {
     const TestPki files = pki();
-    const std::pair<std::string, std::string> pairs[] = {{files.caCert, files.caKey},
-                                                         {files.serverCert, files.serverKey},
-                                                         {files.clientCert, files.clientKey},
-                                                         {files.otherCaCert, files.otherCaKey}};
+    const std::pair<std::string, std::string> pairs[] = {
+        {files.caCert, files.caKey},
+        {files.serverCert, files.serverKey},
+        {files.clientCert, files.clientKey},
+        {files.otherClientCert, files.otherClientKey},
+        {files.otherCaCert, files.otherCaKey}};
     for (const auto& [certPath, keyPath] : pairs) {
         CertPtr cert = loadCert(certPath);
         KeyPtr key = loadKey(keyPath);
@@ -136,6 +147,15 @@ TEST(TestPkiTest, InstallsClientCredentialsAtTheProductPaths) {
     installClientCredentials(files, sandboxRoot(), false);
     EXPECT_EQ(readFile(rooted("/etc/certs/pubkey/https_server_ca.crt")),
               readFile(files.otherCaCert));
+}
+
+TEST(TestPkiTest, InstallsTheSecondClientIdentityAtTheSamePaths) {
+    const TestPki files = pki();
+    installClientCredentials(files, sandboxRoot());
+    installOtherClientIdentity(files, sandboxRoot());
+    EXPECT_EQ(readFile(rooted("/etc/certs/CA/certs/host.crt")), readFile(files.otherClientCert));
+    EXPECT_EQ(readFile(rooted("/flash/data0/cv/private/host.key")), readFile(files.otherClientKey));
+    EXPECT_EQ(readFile(rooted("/etc/certs/pubkey/https_server_ca.crt")), readFile(files.caCert));
 }
 
 TEST(TestPkiTest, InstallCreatesMissingFolders) {

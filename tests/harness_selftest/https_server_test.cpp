@@ -2,10 +2,12 @@
 // mutual TLS, recorded requests, 100-continue, status, delay, parallel clients.
 #include <curl/curl.h>
 #include <gtest/gtest.h>
+#include <openssl/ssl.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -345,6 +347,59 @@ TEST(HttpsServerTest, ClosedLoopbackPortRefusesConnections) {
     EXPECT_GT(port, 0);
     EXPECT_EQ(post("https://127.0.0.1:" + std::to_string(port) + "/", "{}").code,
               CURLE_COULDNT_CONNECT);
+}
+
+// Two POSTs over one easy handle. Every answer closes its connection, so the second POST makes
+// a new handshake, which resumes the first one's session where the server allows it.
+std::vector<bool> resumedOverOneHandle(const HttpsServer& server) {
+    curl_slist* headers = nullptr;
+    CURL* curl = makePost(server.url("/"), "{}", PostOptions{}, &headers);
+    const CURLcode first = curl_easy_perform(curl);
+    const CURLcode second = curl_easy_perform(curl);
+    curl_easy_cleanup(curl);
+    curl_slist_free_all(headers);
+    EXPECT_EQ(first, CURLE_OK);
+    EXPECT_EQ(second, CURLE_OK);
+    std::vector<bool> resumed;
+    for (const RecordedRequest& request : server.requests()) {
+        resumed.push_back(request.sessionResumed);
+    }
+    return resumed;
+}
+
+TEST(HttpsServerTest, RecordsWhetherAHandshakeResumedASession) {
+    HttpsServer server(pki());
+    EXPECT_EQ(resumedOverOneHandle(server), (std::vector<bool>{false, true}));
+    EXPECT_TRUE(server.requests().at(1).clientCertVerified);
+    EXPECT_EQ(server.requests().at(1).clientCn, kTestClientCn);
+}
+
+TEST(HttpsServerTest, ResumesTlsOneTwoSessions) {
+    HttpsServerOptions options;
+    options.maxTlsVersion = TLS1_2_VERSION;
+    HttpsServer server(pki(), options);
+    EXPECT_EQ(resumedOverOneHandle(server), (std::vector<bool>{false, true}));
+}
+
+TEST(HttpsServerTest, RefusesResumptionWhenAskedTo) {
+    HttpsServerOptions options;
+    options.resumption = false;
+    HttpsServer server(pki(), options);
+    EXPECT_EQ(resumedOverOneHandle(server), (std::vector<bool>{false, false}));
+    EXPECT_EQ(server.handshakeFailures(), 0);
+}
+
+TEST(HttpsServerTest, RestartsOnItsOldPort) {
+    auto before = std::make_unique<HttpsServer>(pki());
+    const int port = before->port();
+    ASSERT_EQ(post(before->url("/"), "{}").code, CURLE_OK);
+    before.reset();
+    HttpsServerOptions options;
+    options.port = port;
+    HttpsServer after(pki(), options);
+    EXPECT_EQ(after.port(), port);
+    EXPECT_EQ(post(after.url("/"), "{}").code, CURLE_OK);
+    EXPECT_EQ(after.requestCount(), 1u);
 }
 
 } // namespace

@@ -122,6 +122,19 @@ TEST_F(SseTransportTest, SocketPieceHasNoNulAndIsLogged) {
     EXPECT_EQ(sse_sock_fd, -1);
 }
 
+// The stream server's address is resolved once and kept; every piece still says where it went.
+TEST_F(SseTransportTest, EveryPieceOfALongMessageLogsItsPeerAndLength) {
+    SseReceiver receiver = socketReceiver();
+    LogCapture log;
+    EXPECT_EQ(send_to_sock_sse("first"), 0);
+    EXPECT_EQ(sse_chunk_send(reportMessage("K", 3 * 4096 + 10).c_str()), 0);
+    ASSERT_TRUE(receiver.waitForPieces(6, 5s));
+    EXPECT_EQ(log.count(5, "client: connecting to 127.0.0.1"), 6) << log.dump();
+    EXPECT_EQ(log.count(2, "buf length: "), 6);
+    EXPECT_EQ(log.count(2, "numbytes "), 6);
+    EXPECT_EQ(log.countAny("getaddrinfo"), 0);
+}
+
 TEST_F(SseTransportTest, NothingListeningLogsEveryPieceAndStillReturnsZero) {
     LogCapture log;
     EXPECT_EQ(send_to_sock_sse("lost"), 0);

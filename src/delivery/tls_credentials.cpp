@@ -1,0 +1,246 @@
+#include "delivery/tls_credentials.h"
+
+#include <fcntl.h>
+#include <openssl/err.h>
+#include <openssl/opensslv.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "base/fd.h"
+#include "base/paths.h"
+
+namespace rfevent {
+
+namespace {
+
+constexpr std::uint64_t kFnvOffset = 0xcbf29ce484222325ULL;
+constexpr std::uint64_t kFnvPrime = 0x100000001b3ULL;
+
+// 64-bit FNV-1a over one more piece.
+std::uint64_t hashBytes(std::uint64_t hash, const void* data, std::size_t length) {
+    const auto* bytes = static_cast<const unsigned char*>(data);
+    for (std::size_t i = 0; i < length; ++i) {
+        hash ^= bytes[i];
+        hash *= kFnvPrime;
+    }
+    return hash;
+}
+
+// Reads the whole file at path into text; the errno of a failure, 0 on success.
+int readWhole(const char* path, std::string& text) {
+    text.clear();
+    UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
+    struct stat status {};
+    if (!fd.valid() || ::fstat(fd.get(), &status) != 0) {
+        return errno != 0 ? errno : EIO;
+    }
+    if (status.st_size > 0) {
+        text.reserve(static_cast<std::size_t>(status.st_size));
+    }
+    char buffer[4096];
+    for (;;) {
+        const ssize_t count = ::read(fd.get(), buffer, sizeof buffer);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            text.clear();
+            return errno;
+        }
+        if (count == 0) {
+            return 0;
+        }
+        text.append(buffer, static_cast<std::size_t>(count));
+    }
+}
+
+// Folds one file into the fingerprint: its read result, its length, its bytes.
+std::uint64_t foldFile(std::uint64_t hash, const char* path, std::string& text) {
+    const int error = readWhole(path, text);
+    const std::uint64_t length = text.size();
+    hash = hashBytes(hash, &error, sizeof error);
+    hash = hashBytes(hash, &length, sizeof length);
+    return hashBytes(hash, text.data(), text.size());
+}
+
+struct BioCloser {
+    BIO* bio;
+    ~BioCloser() { BIO_free(bio); }
+};
+
+BIO* memoryBio(const std::string& text) {
+    return BIO_new_mem_buf(text.data(), static_cast<int>(text.size()));
+}
+
+// Whether the last error is the PEM reader finding no further object: the end of the file.
+bool onlyEndOfFileLeft() {
+    const unsigned long error = ERR_peek_last_error();
+    return ERR_GET_LIB(error) == ERR_LIB_PEM && ERR_GET_REASON(error) == PEM_R_NO_START_LINE;
+}
+
+// OpenSSL fills a certificate's extension cache on first use; doing it here, once, keeps
+// handshakes on several threads from filling it at the same time.
+void warmCache(X509* certificate) {
+    (void)X509_check_purpose(certificate, -1, 0);
+}
+
+} // namespace
+
+struct TlsCredentials::Parsed {
+    X509* certificate = nullptr;
+    STACK_OF(X509) * chain = nullptr;
+    EVP_PKEY* key = nullptr;
+    X509_STORE* store = nullptr;
+
+    ~Parsed() {
+        X509_free(certificate);
+        sk_X509_pop_free(chain, X509_free);
+        EVP_PKEY_free(key);
+        X509_STORE_free(store);
+    }
+
+    // The certificate file: one certificate, then its chain up to the end of the file.
+    bool loadCertificate(const std::string& text) {
+        BioCloser in{memoryBio(text)};
+        if (in.bio == nullptr) {
+            return false;
+        }
+        certificate = PEM_read_bio_X509_AUX(in.bio, nullptr, nullptr, nullptr);
+        chain = sk_X509_new_null();
+        if (certificate == nullptr || chain == nullptr) {
+            return false;
+        }
+        warmCache(certificate);
+        while (X509* next = PEM_read_bio_X509(in.bio, nullptr, nullptr, nullptr)) {
+            warmCache(next);
+            if (sk_X509_push(chain, next) == 0) {
+                X509_free(next);
+                return false;
+            }
+        }
+        return onlyEndOfFileLeft();
+    }
+
+    // The key file: the first private key in it, which must be the certificate's.
+    bool loadKey(const std::string& text) {
+        BioCloser in{memoryBio(text)};
+        if (in.bio == nullptr) {
+            return false;
+        }
+        key = PEM_read_bio_PrivateKey(in.bio, nullptr, nullptr, nullptr);
+        return key != nullptr && X509_check_private_key(certificate, key) == 1;
+    }
+
+    // The CA bundle: every certificate and CRL in it, at least one of them, and nothing else.
+    bool loadStore(const std::string& text) {
+        BioCloser in{memoryBio(text)};
+        store = X509_STORE_new();
+        if (in.bio == nullptr || store == nullptr) {
+            return false;
+        }
+        char noPassword[] = "";
+        STACK_OF(X509_INFO)* entries = PEM_X509_INFO_read_bio(in.bio, nullptr, nullptr, noPassword);
+        if (entries == nullptr) {
+            return false;
+        }
+        int count = 0;
+        bool complete = true;
+        for (int i = 0; i < sk_X509_INFO_num(entries) && complete; ++i) {
+            X509_INFO* entry = sk_X509_INFO_value(entries, i);
+            if (entry->x509 != nullptr) {
+                warmCache(entry->x509);
+                complete = X509_STORE_add_cert(store, entry->x509) == 1;
+                ++count;
+            }
+            if (complete && entry->crl != nullptr) {
+                complete = X509_STORE_add_crl(store, entry->crl) == 1;
+                ++count;
+            }
+        }
+        sk_X509_INFO_pop_free(entries, X509_INFO_free);
+        // As libcurl sets up its own store: trusted certificates first, and an intermediate
+        // certificate of the bundle is a trust anchor like a root.
+        return complete && count > 0 &&
+               X509_STORE_set_flags(store, X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN) ==
+                   1;
+    }
+};
+
+CredentialFiles readCredentialFiles() {
+    CredentialFiles files;
+    std::uint64_t hash = kFnvOffset;
+    hash = foldFile(hash, fixedPath(FixedPath::ClientCertificate), files.certificate);
+    hash = foldFile(hash, fixedPath(FixedPath::ClientKey), files.key);
+    files.fingerprint = foldFile(hash, fixedPath(FixedPath::ServerCaBundle), files.caBundle);
+    return files;
+}
+
+#define RFEVENT_TEXT_OF(value) #value
+#define RFEVENT_TEXT(value) RFEVENT_TEXT_OF(value)
+
+bool tlsLibraryIsOurs() {
+    // "OpenSSL/<major>.": the same library, of the major version this file was built against.
+    static const char kOurs[] = "OpenSSL/" RFEVENT_TEXT(OPENSSL_VERSION_MAJOR) ".";
+    const curl_version_info_data* info = curl_version_info(CURLVERSION_NOW);
+    return info != nullptr && info->ssl_version != nullptr &&
+           std::strncmp(info->ssl_version, kOurs, sizeof kOurs - 1) == 0 &&
+           OPENSSL_version_major() == OPENSSL_VERSION_MAJOR;
+}
+
+TlsCredentials::TlsCredentials(const CredentialFiles& files) : parsed_(new (std::nothrow) Parsed) {
+    if (parsed_ == nullptr) {
+        return;
+    }
+    Parsed& parsed = *parsed_;
+    if (!parsed.loadCertificate(files.certificate) || !parsed.loadKey(files.key)) {
+        X509_free(parsed.certificate);
+        parsed.certificate = nullptr;
+        EVP_PKEY_free(parsed.key);
+        parsed.key = nullptr;
+    }
+    if (!parsed.loadStore(files.caBundle)) {
+        X509_STORE_free(parsed.store);
+        parsed.store = nullptr;
+    }
+    // Nothing of the parsing may be left for libcurl to find on this thread's error queue.
+    ERR_clear_error();
+}
+
+TlsCredentials::~TlsCredentials() {
+    delete parsed_;
+}
+
+bool TlsCredentials::usable(bool checking) const {
+    return parsed_ != nullptr && parsed_->certificate != nullptr && parsed_->key != nullptr &&
+           (!checking || parsed_->store != nullptr);
+}
+
+CURLcode TlsCredentials::install(void* sslContext) const {
+    auto* context = static_cast<SSL_CTX*>(sslContext);
+    const Parsed& parsed = *parsed_;
+    CURLcode result = CURLE_OK;
+    if (SSL_CTX_use_certificate(context, parsed.certificate) != 1 ||
+        SSL_CTX_set1_chain(context, parsed.chain) != 1 ||
+        SSL_CTX_use_PrivateKey(context, parsed.key) != 1 ||
+        SSL_CTX_check_private_key(context) != 1) {
+        result = CURLE_SSL_CERTPROBLEM;
+    } else if ((SSL_CTX_get_verify_mode(context) & SSL_VERIFY_PEER) != 0) {
+        if (parsed.store == nullptr) {
+            result = CURLE_SSL_CACERT_BADFILE;
+        } else {
+            SSL_CTX_set1_cert_store(context, parsed.store);
+        }
+    }
+    ERR_clear_error();
+    return result;
+}
+
+} // namespace rfevent

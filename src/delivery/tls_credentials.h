@@ -1,0 +1,53 @@
+// The client certificate, its key and the CA bundle of the HTTPS POSTs: read anew for every
+// transfer, parsed only when their contents changed.
+#ifndef RFEVENT_DELIVERY_TLS_CREDENTIALS_H
+#define RFEVENT_DELIVERY_TLS_CREDENTIALS_H
+
+#include <curl/curl.h>
+
+#include <cstdint>
+#include <string>
+
+namespace rfevent {
+
+// The contents of the three files as they are now. A file that cannot be read is empty, and
+// its error code is part of the fingerprint.
+struct CredentialFiles {
+    std::string certificate;
+    std::string key;
+    std::string caBundle;
+    std::uint64_t fingerprint = 0;
+};
+
+CredentialFiles readCredentialFiles();
+
+// True when libcurl hands its connections' TLS contexts to the TLS library this plug-in was
+// built with, so that parsed credentials can be put into them.
+bool tlsLibraryIsOurs();
+
+// The files parsed as a handshake loads them: the first certificate of the certificate file,
+// the rest of it as the chain, the key (which must match the certificate), and every
+// certificate and CRL of the CA bundle. Nothing is kept that did not load in full.
+class TlsCredentials {
+  public:
+    explicit TlsCredentials(const CredentialFiles& files);
+    ~TlsCredentials();
+    TlsCredentials(const TlsCredentials&) = delete;
+    TlsCredentials& operator=(const TlsCredentials&) = delete;
+
+    // Whether they can stand in for the files: the client certificate and key always, the CA
+    // bundle only when the destination is checked.
+    bool usable(bool checking) const;
+
+    // Puts them into a TLS context libcurl has just made for one connection: the certificate,
+    // the chain and the key, and the CA bundle as the only trust when the peer is verified.
+    CURLcode install(void* sslContext) const;
+
+  private:
+    struct Parsed;
+    Parsed* parsed_;
+};
+
+} // namespace rfevent
+
+#endif
