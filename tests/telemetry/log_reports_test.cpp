@@ -21,6 +21,7 @@
 #include "harness/sse_receiver.h"
 #include "harness/wait.h"
 #include "telemetry/push_subscriber.h"
+#include "telemetry/serial_log_lock.h"
 
 using namespace rfevent;
 
@@ -316,21 +317,6 @@ class LockHolder {
     pid_t child_ = -1;
 };
 
-// True when another process could take the serial-log lock now.
-bool lockIsFree() {
-    pid_t child = fork();
-    if (child == 0) {
-        int fd = open(fixedPath(FixedPath::SerialLogLock), O_WRONLY | O_CREAT, 0644);
-        struct flock lock = {};
-        lock.l_type = F_WRLCK;
-        lock.l_whence = SEEK_SET;
-        _exit(fcntl(fd, F_SETLK, &lock) == 0 ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 class SerialLogTest : public LogReportsSseTest {};
 
 TEST_F(SerialLogTest, CaptureBecomesAStoredAndSentReportAndIsEmptied) {
@@ -342,7 +328,7 @@ TEST_F(SerialLogTest, CaptureBecomesAStoredAndSentReportAndIsEmptied) {
     EXPECT_EQ("1", doc["ReportSequence"].asString());
     EXPECT_EQ("2", readFile(path(FixedPath::SerialLogSequence)));
     EXPECT_EQ("", readFile(path(FixedPath::SerialLogCapture)));
-    EXPECT_TRUE(lockIsFree());
+    EXPECT_TRUE(rfevent::testkit::serialLogLockIsFree());
 
     ASSERT_TRUE(receiver_.waitForPieces(2, kEventDeadline));
     std::string expected = kSerialPrefix + "<id:1>:" + stored;
@@ -386,7 +372,7 @@ TEST_F(SerialLogTest, MissingCaptureKeepsTheLockHeld) {
     LogCapture log;
     EXPECT_EQ(-1, sendSerialLogToSSE());
     EXPECT_TRUE(log.contains(2, "File could not be read in local export function Exit"));
-    EXPECT_FALSE(lockIsFree());
+    EXPECT_FALSE(rfevent::testkit::serialLogLockIsFree());
     EXPECT_FALSE(rfevent::testkit::fileExists(path(FixedPath::SerialLogSequence)));
 }
 
