@@ -20,21 +20,9 @@ namespace rfevent::fuzz {
 
 inline void prepareAlertFiles() {
     static std::string preparedFor;
-    const char* rootVariable = std::getenv("RFEVENT_ROOT");
-    const std::string root = rootVariable != nullptr ? rootVariable : "";
-    if (root == preparedFor) {
+    if (writeDeliverySettingsOnce(preparedFor, 1).empty()) {
         return;
     }
-    preparedFor = root;
-    Json::Value attributes(Json::objectValue);
-    attributes["Tavik.Embedded.1#RedfishEventing.1#EventEnable"] = "1";
-    attributes["Tavik.Embedded.1#RedfishEventing.1#DeliveryRetryAttempts"] = 1;
-    attributes["Tavik.Embedded.1#RedfishEventing.1#DeliveryRetryIntervalInSeconds"] = 0;
-    attributes["Tavik.Embedded.1#RedfishEventing.1#IgnoreCertificateErrors"]["type"] =
-        "enumeration";
-    attributes["Tavik.Embedded.1#RedfishEventing.1#IgnoreCertificateErrors"]["value"] = "Yes";
-    attributes["System.Embedded.1#ServerOS.1#HostName"] = "fuzzhost";
-    writeWhole(root + "/var/lib/rfevent/attributes.json", attributes.toStyledString());
 
     Json::Value subscription(Json::objectValue);
     subscription["Destination"] = "https://127.0.0.1:1/events";

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include <json/json.h>
+
 namespace rfevent::fuzz {
 
 // Gives the process a root folder of its own unless one is set (the test harness sets one).
@@ -61,6 +63,28 @@ inline void writeWhole(const std::string& path, const std::string& content) {
     makeParents(path);
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << content;
+}
+
+// Writes the stand-alone platform's delivery settings (eventing on, no interval, certificate
+// checking off) with the given retry count, once for each sandbox root: the root in use, or
+// "" when this root was prepared already.
+inline std::string writeDeliverySettingsOnce(std::string& preparedFor, int attempts) {
+    const char* rootVariable = std::getenv("RFEVENT_ROOT");
+    const std::string root = rootVariable != nullptr ? rootVariable : "";
+    if (root == preparedFor) {
+        return "";
+    }
+    preparedFor = root;
+    const std::string prefix = "Tavik.Embedded.1#RedfishEventing.1#";
+    Json::Value attributes(Json::objectValue);
+    attributes[prefix + "EventEnable"] = "1";
+    attributes[prefix + "DeliveryRetryAttempts"] = attempts;
+    attributes[prefix + "DeliveryRetryIntervalInSeconds"] = 0;
+    attributes[prefix + "IgnoreCertificateErrors"]["type"] = "enumeration";
+    attributes[prefix + "IgnoreCertificateErrors"]["value"] = "Yes";
+    attributes["System.Embedded.1#ServerOS.1#HostName"] = "fuzzhost";
+    writeWhole(root + "/var/lib/rfevent/attributes.json", attributes.toStyledString());
+    return root.empty() ? "/" : root;
 }
 
 } // namespace rfevent::fuzz

@@ -21,20 +21,10 @@
 
 namespace rfevent::fuzz {
 
+// No retry attempts: the single POST sends nothing, so arbitrary destinations stay unreached.
 inline void prepareWalkSettings() {
     static std::string preparedFor;
-    const char* rootVariable = std::getenv("RFEVENT_ROOT");
-    const std::string root = rootVariable != nullptr ? rootVariable : "";
-    if (root == preparedFor) {
-        return;
-    }
-    preparedFor = root;
-    Json::Value attributes(Json::objectValue);
-    attributes["Tavik.Embedded.1#RedfishEventing.1#EventEnable"] = "1";
-    attributes["Tavik.Embedded.1#RedfishEventing.1#DeliveryRetryAttempts"] = 0;
-    attributes["Tavik.Embedded.1#RedfishEventing.1#DeliveryRetryIntervalInSeconds"] = 0;
-    attributes["System.Embedded.1#ServerOS.1#HostName"] = "fuzzhost";
-    writeWhole(root + "/var/lib/rfevent/attributes.json", attributes.toStyledString());
+    (void)writeDeliverySettingsOnce(preparedFor, 0);
 }
 
 inline int subscriptionWalk(const uint8_t* data, std::size_t size) {

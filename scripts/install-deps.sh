@@ -8,15 +8,18 @@ packages=(
     build-essential cmake ninja-build pkg-config
     libcurl4-openssl-dev libjsoncpp-dev libsqlite3-dev libssl-dev
     libgtest-dev libgmock-dev libbenchmark-dev
+    nginx-light # tests/interop: a real front server with client-certificate checking
 )
-# Extra groups, asked for by name: "lint", "fuzz", "armhf", "valgrind". "armhf" also lays out
-# a sysroot with the target's libraries (see make_armhf_sysroot below).
+# Extra groups, asked for by name: "lint", "fuzz", "armhf", "valgrind", "load" (the load
+# generator of the loaded gates). "armhf" also lays out a sysroot with the target's libraries
+# (see make_armhf_sysroot below).
 for group in "$@"; do
     case "$group" in
     lint) packages+=(clang-format clang-tidy cppcheck) ;;
     fuzz) packages+=(clang libclang-rt-14-dev) ;;
     armhf) packages+=(g++-arm-linux-gnueabihf qemu-user dpkg-dev googletest) ;;
     valgrind) packages+=(valgrind) ;;
+    load) packages+=(stress-ng) ;;
     *) echo "unknown package group: $group" >&2; exit 2 ;;
     esac
 done

@@ -23,3 +23,25 @@ build_preset() {
         { cat "$gate_build/$preset-configure.log"; return 1; }
     cmake --build "$dir" -j"$jobs"
 }
+
+# Keeps every core busy while the suite runs (one stress-ng CPU worker per core, from the
+# "load" package group), the way a machine shared with other work is busy. stop_load ends it;
+# so does leaving the gate in any way, a failing command or an interruption included.
+# stress-ng's own time limit ends it should the gate be killed outright.
+load_pid=""
+stop_load() {
+    if [ -n "$load_pid" ]; then
+        kill -TERM "$load_pid" 2>/dev/null || true
+        wait "$load_pid" 2>/dev/null || true
+        load_pid=""
+    fi
+}
+start_load() {
+    stop_load
+    trap stop_load EXIT
+    trap 'stop_load; exit 130' INT
+    trap 'stop_load; exit 143' TERM
+    stress-ng --cpu "$(nproc)" --timeout "${RFEVENT_LOAD_LIMIT_SECONDS:-3600}" --quiet &
+    load_pid=$!
+    echo "load: stress-ng keeps $(nproc) cores busy (pid $load_pid)"
+}

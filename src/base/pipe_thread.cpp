@@ -57,10 +57,10 @@ ssize_t readPipeOnce(const PipeThread& pipe, int fd) {
     return count;
 }
 
-void readPipe(const PipeThread& pipe, int fd) {
+void readPipe(const PipeThread& pipe, int fd, const RunFlag* flag) {
     for (;;) {
         ssize_t count = readPipeOnce(pipe, fd);
-        if (count < 0) {
+        if (count < 0 || (count == 0 && !keepRunning(flag))) {
             return;
         }
         if (count == 0 && pipe.noWriterPause > 0) {
@@ -77,7 +77,7 @@ void runPipeThread(const PipeThread& pipe, const RunFlag* flag) {
         guarded(RF_HERE, "Pipe pass dropped", [&] {
             UniqueFd fd = openPipe(pipe);
             if (fd.valid()) {
-                readPipe(pipe, fd.get());
+                readPipe(pipe, fd.get(), flag);
             }
         });
         if (!keepRunning(flag)) {

@@ -47,8 +47,9 @@ UniqueFd openPipe(const PipeThread& pipe);
 // One read of the open pipe, handed to handleRead; returns read()'s result. No pause.
 ssize_t readPipeOnce(const PipeThread& pipe, int fd);
 
-// Reads the open pipe until read() fails, with the pipe's pauses between reads.
-void readPipe(const PipeThread& pipe, int fd);
+// Reads the open pipe until read() fails, with the pipe's pauses between reads. A read that
+// finds no writer while the flag is raised ends the reading too.
+void readPipe(const PipeThread& pipe, int fd, const RunFlag* flag);
 
 // Passes of open and read until the flag is raised, pausing a second between passes.
 void runPipeThread(const PipeThread& pipe, const RunFlag* flag);

@@ -22,34 +22,39 @@ ThreadSlot g_threadSlots[kThreadCount];
 
 namespace {
 
-// Creates the thread into its slot. A failing pthread_create is only recorded in the slot:
+// Creates the thread into its slot and names it (at most 15 characters; operators see the name
+// in top -H and /proc/<pid>/task/*/comm). A failing pthread_create is only recorded in the slot:
 // the start function reports success in every case.
-int createInto(ThreadSlot* slot, void* (*body)(void*), RunFlag* flag = nullptr) {
+int createInto(ThreadSlot* slot, void* (*body)(void*), const char* name,
+               RunFlag* flag = nullptr) {
     slot->result = pthread_create(&slot->thread, nullptr, body, flag);
+    if (slot->result == 0) {
+        pthread_setname_np(slot->thread, name);
+    }
     return 0;
 }
 
 int startTelemetryNotify(ThreadSlot* slot) {
     g_telemetryNotifyFlag.store(0, std::memory_order_relaxed);
-    return createInto(slot, TelemetryServiceNotifyWaitThread, &g_telemetryNotifyFlag);
+    return createInto(slot, TelemetryServiceNotifyWaitThread, "rf-telemetry", &g_telemetryNotifyFlag);
 }
 
 int startTestReport(ThreadSlot* slot) {
     g_testReportFlag.store(0, std::memory_order_relaxed);
-    return createInto(slot, RedfishTestMetricReportThread, &g_testReportFlag);
+    return createInto(slot, RedfishTestMetricReportThread, "rf-testreport", &g_testReportFlag);
 }
 
 int startSseInfra(ThreadSlot* slot) {
     g_sseInfraFlag.store(0, std::memory_order_relaxed);
-    return createInto(slot, RedfishSSEInfraNotifyThread, &g_sseInfraFlag);
+    return createInto(slot, RedfishSSEInfraNotifyThread, "rf-sseinfra", &g_sseInfraFlag);
 }
 
 int startInvalidDest1(ThreadSlot* slot) {
-    return createInto(slot, InvalidDestHandlingThread1);
+    return createInto(slot, InvalidDestHandlingThread1, "rf-invdest1");
 }
 
 int startInvalidDest2(ThreadSlot* slot) {
-    return createInto(slot, InvalidDestHandlingThread2);
+    return createInto(slot, InvalidDestHandlingThread2, "rf-invdest2");
 }
 
 // Once worker threads run the library's code, the library must stay mapped: a later dlclose by

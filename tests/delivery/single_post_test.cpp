@@ -159,7 +159,7 @@ TEST_F(SinglePostTest, IgnoringCertificatesDeliversDespiteWrongCa) {
     tk::writeDeliveryAttributes(1, 0, "Yes");
     tk::HttpsServer server(pki_);
     EXPECT_FALSE(post(server.url()));
-    EXPECT_EQ(server.requestCount(), 1u);
+    ASSERT_EQ(server.requestCount(), 1u);
     EXPECT_EQ(server.requests()[0].clientCn, tk::kTestClientCn);
 }
 

@@ -11,11 +11,11 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
+#include "harness/wait.h"
 
 using namespace rfevent;
 
 namespace tk = rfevent::testkit;
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -144,7 +144,7 @@ TEST_F(SsePathTest, SpecialMessageHasIntegerIdZero) {
         tk::AlertFields fields = tk::fullAlert();
         fields.messageId = messageId;
         send(fields);
-        receiver_->waitForFifoMessages(1, 5s);
+        receiver_->waitForFifoMessages(1, tk::kEventDeadline);
         auto sent = receiver_->fifoMessages();
         receiver_->clear();
         ASSERT_EQ(sent.size(), 1u) << messageId;

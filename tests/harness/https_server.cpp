@@ -22,7 +22,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kConnectionDeadline = std::chrono::seconds(30); // whole life of one connection
+constexpr auto kConnectionDeadline = std::chrono::seconds(60); // whole life of one connection
 constexpr std::size_t kMaxHeadBytes = 64 * 1024;
 constexpr unsigned long long kMaxBodyBytes = 64ULL * 1024 * 1024;
 
@@ -203,6 +203,13 @@ HttpsServer::HttpsServer(const TestPki& pki, const HttpsServerOptions& options)
     }
     wakeRead_ = wake[0];
     wakeWrite_ = wake[1];
+    int release[2];
+    if (::pipe2(release, O_CLOEXEC) != 0) {
+        releaseResources();
+        throw std::runtime_error("https server: pipe2 failed");
+    }
+    releaseRead_ = release[0];
+    releaseWrite_ = release[1];
     try {
         setUpTls(pki);
         setUpListener();
@@ -311,6 +318,8 @@ void HttpsServer::releaseResources() {
     closeFd(listenFd_);
     closeFd(wakeRead_);
     closeFd(wakeWrite_);
+    closeFd(releaseRead_);
+    closeFd(releaseWrite_);
     SSL_CTX_free(ctx_);
     ctx_ = nullptr;
 }
@@ -330,6 +339,17 @@ void HttpsServer::stop() {
     }
     joinFinished(true);
     releaseResources();
+}
+
+void HttpsServer::releaseAnswers() {
+    if (released_.exchange(true) || stopped_) {
+        return;
+    }
+    const char byte = 1;
+    // One byte in an otherwise empty pipe: cannot fail while we hold the read end.
+    if (::write(releaseWrite_, &byte, 1) != 1) {
+        std::abort();
+    }
 }
 
 std::string HttpsServer::url(const std::string& path) const {
@@ -356,6 +376,7 @@ void HttpsServer::clear() {
     requests_.clear();
     handshakeFailures_.store(0, std::memory_order_relaxed);
     connectionsAccepted_.store(0, std::memory_order_relaxed);
+    connectionsDropped_.store(0, std::memory_order_relaxed);
     peakLive_.store(0, std::memory_order_relaxed);
 }
 
@@ -400,6 +421,12 @@ void HttpsServer::acceptLoop() {
             continue; // EAGAIN or a client that gave up already
         }
         connectionsAccepted_.fetch_add(1, std::memory_order_relaxed);
+        if (drop_.load(std::memory_order_relaxed)) {
+            connectionsDropped_.fetch_add(1,
+                                          std::memory_order_relaxed); // before the client sees it
+            ::close(fd);
+            continue;
+        }
         const int nowLive = live_.fetch_add(1, std::memory_order_relaxed) + 1;
         int peak = peakLive_.load(std::memory_order_relaxed);
         while (nowLive > peak &&
@@ -469,6 +496,31 @@ bool HttpsServer::pause(int delayMs) const {
         }
         if (ready < 0 && errno != EINTR) {
             return false;
+        }
+    }
+}
+
+// Waits until releaseAnswers() when answers are held; false on stop() or at the deadline.
+bool HttpsServer::awaitRelease(Clock::time_point deadline) const {
+    if (!options_.holdAnswers) {
+        return true;
+    }
+    for (;;) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0) {
+            return false;
+        }
+        pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {releaseRead_, POLLIN, 0}};
+        const int ready = ::poll(fds, 2, static_cast<int>(left));
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready < 0 || fds[0].revents != 0) {
+            return false;
+        }
+        if (fds[1].revents != 0) {
+            return true;
         }
     }
 }
@@ -581,7 +633,7 @@ void HttpsServer::serveConnection(int fd) {
         if (readRequest(ssl, fd, deadline, request)) {
             record(std::move(request));
             const int status = status_.load(std::memory_order_relaxed);
-            if (pause(delayMs_.load(std::memory_order_relaxed))) {
+            if (awaitRelease(deadline) && pause(delayMs_.load(std::memory_order_relaxed))) {
                 const std::size_t bodyBytes = options_.responseBodyBytes;
                 writeAll(ssl, fd, deadline,
                          "HTTP/1.1 " + std::to_string(status) + " " + reasonPhrase(status) +

@@ -3,7 +3,9 @@
 // Listens on 127.0.0.1 (ephemeral port) with TLS from the test PKI, can
 // require and verify a client certificate (mutual TLS), records every request
 // it receives, and answers each one with a configurable status after a
-// configurable delay. One thread accepts; every connection gets its own
+// configurable delay, or holds every answer back until the test releases them.
+// It can also stand for a destination that fails at once, by closing every
+// connection as soon as it is accepted. One thread accepts; every connection gets its own
 // thread (at most kMaxLiveConnections at a time), so many parallel clients
 // are served at once and a slow answer on one connection holds up no other.
 // Every connection carries one request: the answer says "Connection: close".
@@ -35,6 +37,9 @@ struct HttpsServerOptions {
     int status = 200; // status of every answer; see HttpsServer::setStatus
     int delayMs = 0;  // pause between reading a request and answering it
     std::size_t responseBodyBytes = 0; // the answer's body: this many bytes of 'x'
+    // Record each request but answer none until releaseAnswers() (or stop()): shows that
+    // requests are in flight at the same time without betting on how long a handshake takes.
+    bool holdAnswers = false;
     // False: no tickets and no session cache, so every handshake is a full one.
     bool resumption = true;
     int maxTlsVersion = 0; // e.g. TLS1_2_VERSION; 0: the library's highest
@@ -90,6 +95,12 @@ class HttpsServer {
     // Take effect for requests whose body completes after the call.
     void setStatus(int status) { status_.store(status, std::memory_order_relaxed); }
     void setDelayMs(int delayMs) { delayMs_.store(delayMs, std::memory_order_relaxed); }
+    // While on, every new connection is closed as soon as it is accepted, before the TLS
+    // handshake: clients fail at once with a transport error, as with a destination that went
+    // away, and nothing is recorded. Takes effect for connections accepted after the call.
+    void setDropConnections(bool drop) { drop_.store(drop, std::memory_order_relaxed); }
+    // Lets every held answer go (see HttpsServerOptions::holdAnswers), now and from then on.
+    void releaseAnswers();
 
     std::vector<RecordedRequest> requests() const; // snapshot, arrival order
     std::size_t requestCount() const;
@@ -101,8 +112,10 @@ class HttpsServer {
     // Connections whose TLS handshake failed (no or bad client certificate,
     // client rejected our certificate, ...). These are not requests.
     int handshakeFailures() const { return handshakeFailures_.load(std::memory_order_relaxed); }
-    // Every accepted TCP connection.
+    // Every accepted TCP connection, dropped ones included.
     int connectionsAccepted() const { return connectionsAccepted_.load(std::memory_order_relaxed); }
+    // Connections closed unserved while setDropConnections(true) was in effect.
+    int connectionsDropped() const { return connectionsDropped_.load(std::memory_order_relaxed); }
     // Most connections that were being served at the same moment.
     int peakLiveConnections() const { return peakLive_.load(std::memory_order_relaxed); }
 
@@ -126,6 +139,7 @@ class HttpsServer {
     void record(RecordedRequest request);
     bool waitIo(int fd, short events, std::chrono::steady_clock::time_point deadline) const;
     bool pause(int delayMs) const;
+    bool awaitRelease(std::chrono::steady_clock::time_point deadline) const;
     template <typename Op>
     int driveSsl(SSL* ssl, int fd, std::chrono::steady_clock::time_point deadline, Op op) const;
     bool readRequest(SSL* ssl, int fd, std::chrono::steady_clock::time_point deadline,
@@ -138,13 +152,18 @@ class HttpsServer {
     int listenFd_ = -1;
     int wakeRead_ = -1; // readable once stop() was called
     int wakeWrite_ = -1;
+    int releaseRead_ = -1; // readable once releaseAnswers() was called
+    int releaseWrite_ = -1;
     int port_ = 0;
     bool stopped_ = false; // only touched by the owning thread
 
     std::atomic<int> status_;
     std::atomic<int> delayMs_;
+    std::atomic<bool> drop_{false};
+    std::atomic<bool> released_{false};
     std::atomic<int> handshakeFailures_{0};
     std::atomic<int> connectionsAccepted_{0};
+    std::atomic<int> connectionsDropped_{0};
     std::atomic<int> live_{0};
     std::atomic<int> peakLive_{0};
 

@@ -31,8 +31,15 @@ void setAttribute(const std::string& key, const Json::Value& value);
 void removeAttribute(const std::string& key);
 
 // The usual delivery settings: eventing on, attempts, interval, certificate switch, host.
+// The plug-in uses the interval as the time-out of each transfer too (0: none).
 void writeDeliveryAttributes(int attempts, int intervalSeconds, const std::string& ignoreCerts,
                              const std::string& hostName = "host.example");
+
+// The interval for tests whose transfers must succeed within the time-out: room for TLS
+// handshakes on an emulated target on a busy machine. Such tests make a transfer fail with a
+// destination that fails at once (a closed port, a refused handshake), never by letting it
+// time out, so the interval costs nothing.
+constexpr int kRoomyIntervalSeconds = 30;
 
 // The push subscription store and the SSE subscription file.
 void writeSubscriptionStore(const Json::Value& store);

@@ -341,6 +341,34 @@ bool SseReceiver::waitForPieces(std::size_t count, std::chrono::milliseconds tim
     return changed_.wait_for(lock, timeout, [&] { return pieces_.size() >= count; });
 }
 
+bool SseReceiver::sendMarker(std::chrono::milliseconds timeout) const {
+    if (port_ < 0) {
+        throw std::runtime_error("sse receiver: a marker needs the socket channel");
+    }
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        failWithErrno("socket");
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port_));
+    const std::string marker = kMarker;
+    const bool sent = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                      ::send(fd, marker.data(), marker.size(), MSG_NOSIGNAL) ==
+                          static_cast<ssize_t>(marker.size());
+    const int error = errno;
+    ::close(fd);
+    if (!sent) {
+        errno = error;
+        failWithErrno("sending the marker");
+    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, timeout, [&] {
+        return std::find(pieces_.begin(), pieces_.end(), marker) != pieces_.end();
+    });
+}
+
 void SseReceiver::clear() {
     std::lock_guard<std::mutex> lock(mutex_);
     fifoBytes_.clear();

@@ -80,6 +80,15 @@ class SseReceiver {
 
     bool waitForFifoMessages(std::size_t count, std::chrono::milliseconds timeout) const;
     bool waitForPieces(std::size_t count, std::chrono::milliseconds timeout) const;
+
+    // The piece sendMarker() sends.
+    static constexpr const char* kMarker = "<test marker>";
+    // Shows that nothing else is on its way to the socket: sends kMarker as one piece over a
+    // connection of its own and waits until it has arrived. Connections are served in the
+    // order they were made, so every piece whose connection was made before the call (every
+    // piece the product sent before it) has arrived by then, and what is not in pieces() in
+    // front of the marker was not sent. False when the marker did not arrive in time.
+    bool sendMarker(std::chrono::milliseconds timeout) const;
     void clear(); // forgets everything recorded so far
 
   private:

@@ -11,11 +11,13 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
+#include "harness/wait.h"
 
 namespace rfevent::testkit {
 namespace {
@@ -66,7 +68,7 @@ TEST(SseReceiverTest, SplitsFifoMessagesOnNul) {
     ASSERT_TRUE(writeToFifo(std::string("first\0", 6)));
     ASSERT_TRUE(writeToFifo(std::string("data: {\"a\":1}\0", 14)));
     ASSERT_TRUE(writeToFifo("partial"));
-    ASSERT_TRUE(receiver.waitForFifoMessages(2, 5s));
+    ASSERT_TRUE(receiver.waitForFifoMessages(2, kEventDeadline));
     EXPECT_EQ(receiver.fifoMessages(), (std::vector<std::string>{"first", "data: {\"a\":1}"}));
     receiver.stop();
     EXPECT_EQ(receiver.fifoBytes(), std::string("first\0data: {\"a\":1}\0partial", 27));
@@ -76,7 +78,7 @@ TEST(SseReceiverTest, UsesAnExistingFifo) {
     ASSERT_EQ(::mkfifo(fifoPath().c_str(), 0600), 0);
     SseReceiver receiver({fifoPath(), -1});
     ASSERT_TRUE(writeToFifo(std::string("x\0", 2)));
-    EXPECT_TRUE(receiver.waitForFifoMessages(1, 5s));
+    EXPECT_TRUE(receiver.waitForFifoMessages(1, kEventDeadline));
 }
 
 TEST(SseReceiverTest, WritersFindNoReaderAfterStop) {
@@ -96,7 +98,7 @@ TEST(SseReceiverTest, RecordsOnePiecePerConnectionInOrder) {
     sendPiece(receiver.port(), "one");
     sendPiece(receiver.port(), big);
     sendPiece(receiver.port(), "three<END>");
-    ASSERT_TRUE(receiver.waitForPieces(3, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(3, kEventDeadline));
     EXPECT_EQ(receiver.pieces(), (std::vector<std::string>{"one", big, "three<END>"}));
     receiver.clear();
     EXPECT_TRUE(receiver.pieces().empty());
@@ -108,8 +110,24 @@ TEST(SseReceiverTest, ListensOnThePortFromTheEnvironment) {
     SseReceiver receiver({"", port});
     EXPECT_EQ(receiver.port(), port);
     sendPiece(port, "F=<id:1>:{}");
-    ASSERT_TRUE(receiver.waitForPieces(1, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(1, kEventDeadline));
     EXPECT_EQ(receiver.messages().at(0).key, "F=");
+}
+
+TEST(SseReceiverTest, MarkerArrivesAfterEveryPieceSentBeforeIt) {
+    SseReceiver receiver({"", 0});
+    sendPiece(receiver.port(), "one");
+    sendPiece(receiver.port(), "two");
+    ASSERT_TRUE(receiver.sendMarker(kEventDeadline));
+    EXPECT_EQ(receiver.pieces(), (std::vector<std::string>{"one", "two", SseReceiver::kMarker}));
+    receiver.clear();
+    ASSERT_TRUE(receiver.sendMarker(kEventDeadline));
+    EXPECT_EQ(receiver.pieces(), std::vector<std::string>{SseReceiver::kMarker});
+}
+
+TEST(SseReceiverTest, MarkerNeedsTheSocketChannel) {
+    SseReceiver receiver({fifoPath(), -1});
+    EXPECT_THROW(receiver.sendMarker(kEventDeadline), std::runtime_error);
 }
 
 TEST(SseReceiverTest, StopsWhileAClientKeepsItsConnectionOpen) {

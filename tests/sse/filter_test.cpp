@@ -11,13 +11,14 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
+#include "harness/wait.h"
 #include "sse/filter.h"
 
 using namespace rfevent;
 
 namespace {
 
-using namespace std::chrono_literals;
+using rfevent::testkit::kEventDeadline;
 using rfevent::testkit::LogCapture;
 using rfevent::testkit::SseReceiver;
 
@@ -225,7 +226,7 @@ TEST_F(SseFanOutTest, ShortReportIsMessageThenEndMarkerPerFilter) {
     const std::string report = makeReport("/x", 17);
     LogCapture log;
     EXPECT_EQ(send_report_to_sse(report.c_str()), 0);
-    ASSERT_TRUE(receiver.waitForPieces(4, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(4, kEventDeadline));
     EXPECT_EQ(receiver.pieces(),
               (std::vector<std::string>{"EventFormatType eq MetricReport=<id:17>:" + report,
                                         "EventFormatType eq MetricReport=<END>",
@@ -239,7 +240,7 @@ TEST_F(SseFanOutTest, ReportWithoutSequenceHasAnEmptyIdMarker) {
     writeClients({"EventFormatType eq MetricReport"});
     const std::string report = makeReport("/x", Json::Value());
     EXPECT_EQ(send_report_to_sse(report.c_str()), 0);
-    ASSERT_TRUE(receiver.waitForPieces(2, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(2, kEventDeadline));
     EXPECT_EQ(receiver.pieces()[0], "EventFormatType eq MetricReport=<id:>:" + report);
 }
 
@@ -250,7 +251,7 @@ TEST_F(SseFanOutTest, MessageOfExactly4096BytesIsOnePiece) {
     const std::string report = makeReport("/x", "5", 4096 - key.size() - marker.size());
     ASSERT_EQ(key.size() + marker.size() + report.size(), 4096u);
     EXPECT_EQ(send_report_to_sse(report.c_str()), 0);
-    ASSERT_TRUE(receiver.waitForPieces(2, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(2, kEventDeadline));
     EXPECT_EQ(receiver.pieces(), (std::vector<std::string>{key + marker + report, key + "=<END>"}));
 }
 
@@ -262,7 +263,7 @@ TEST_F(SseFanOutTest, MessageOf4097BytesIsChunked) {
     const std::string message = key + marker + report;
     ASSERT_EQ(message.size(), 4097u);
     EXPECT_EQ(send_report_to_sse(report.c_str()), 0);
-    ASSERT_TRUE(receiver.waitForPieces(3, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(3, kEventDeadline));
     EXPECT_EQ(receiver.pieces(),
               (std::vector<std::string>{message.substr(0, 4096), key + "=" + message.substr(4096),
                                         key + "=<END>"}));
@@ -274,7 +275,9 @@ TEST_F(SseFanOutTest, NothingSentWhenNothingMatchesOrTheReportIsNull) {
     EXPECT_EQ(send_report_to_sse(makeReport("/x").c_str()), 0);
     EXPECT_EQ(send_report_to_sse(nullptr), 0);
     EXPECT_TRUE(log.contains(2, "Report is NULL"));
-    EXPECT_FALSE(receiver.waitForPieces(1, 200ms));
+    // Only the marker sent after both calls arrives: neither call sent anything.
+    ASSERT_TRUE(receiver.sendMarker(kEventDeadline));
+    EXPECT_EQ(receiver.pieces(), std::vector<std::string>{SseReceiver::kMarker});
 }
 
 } // namespace

@@ -20,6 +20,7 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
+#include "harness/wait.h"
 #include "sse/transport.h"
 
 using namespace rfevent;
@@ -46,6 +47,7 @@ extern "C" ssize_t send(int fd, const void* data, size_t length, int flags) {
 namespace {
 
 using namespace std::chrono_literals;
+using rfevent::testkit::kEventDeadline;
 using rfevent::testkit::LogCapture;
 using rfevent::testkit::SseReceiver;
 
@@ -85,7 +87,7 @@ TEST_F(SseTransportTest, FifoMessagesStaySeparatedByTheirNul) {
     SseReceiver receiver({fifoPath(), -1});
     EXPECT_EQ(send_to_sse("first"), 0);
     EXPECT_EQ(send_to_sse("second"), 0);
-    ASSERT_TRUE(receiver.waitForFifoMessages(2, 5s));
+    ASSERT_TRUE(receiver.waitForFifoMessages(2, kEventDeadline));
     EXPECT_EQ(receiver.fifoMessages(), (std::vector<std::string>{"first", "second"}));
 }
 
@@ -110,7 +112,7 @@ TEST_F(SseTransportTest, SocketPieceHasNoNulAndIsLogged) {
     SseReceiver receiver = socketReceiver();
     LogCapture log;
     EXPECT_EQ(send_to_sock_sse("hello piece"), 0);
-    ASSERT_TRUE(receiver.waitForPieces(1, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(1, kEventDeadline));
     EXPECT_EQ(receiver.pieces(), std::vector<std::string>{"hello piece"});
     EXPECT_EQ(log.count(4, "]Entering send_to_sock_sse Function"), 1);
     EXPECT_EQ(log.count(5, "client: connecting to 127.0.0.1"), 1) << log.dump();
@@ -148,7 +150,7 @@ TEST_F(SseTransportTest, ShortMessageThroughChunkingIsOnePiecePlusEndMarker) {
     SseReceiver receiver = socketReceiver();
     const std::string message = reportMessage("Short", 100);
     EXPECT_EQ(sse_chunk_send(message.c_str()), 0);
-    ASSERT_TRUE(receiver.waitForPieces(2, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(2, kEventDeadline));
     EXPECT_EQ(receiver.pieces(), (std::vector<std::string>{message, "Short=<END>"}));
 }
 
@@ -157,7 +159,7 @@ TEST_F(SseTransportTest, MessageOf4096BytesGetsTheExtraPrefixOnlyPiece) {
     const std::string message = reportMessage("Key", 4096);
     ASSERT_EQ(message.size(), 4096u);
     EXPECT_EQ(sse_chunk_send(message.c_str()), 0);
-    ASSERT_TRUE(receiver.waitForPieces(3, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(3, kEventDeadline));
     EXPECT_EQ(receiver.pieces(), (std::vector<std::string>{message, "Key=", "Key=<END>"}));
 }
 
@@ -165,7 +167,7 @@ TEST_F(SseTransportTest, MessageOf4097BytesIsTwoPiecesPlusEndMarker) {
     SseReceiver receiver = socketReceiver();
     const std::string message = reportMessage("Key", 4097);
     EXPECT_EQ(sse_chunk_send(message.c_str()), 0);
-    ASSERT_TRUE(receiver.waitForPieces(3, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(3, kEventDeadline));
     EXPECT_EQ(receiver.pieces(),
               (std::vector<std::string>{message.substr(0, 4096), "Key=" + message.substr(4096),
                                         "Key=<END>"}));
@@ -179,7 +181,7 @@ TEST_F(SseTransportTest, MessageOf5000BytesWith33BytePrefix) {
     ASSERT_EQ(prefix.size(), 33u);
     LogCapture log;
     EXPECT_EQ(sse_chunk_send(message.c_str()), 0);
-    ASSERT_TRUE(receiver.waitForPieces(3, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(3, kEventDeadline));
     EXPECT_EQ(receiver.pieces(),
               (std::vector<std::string>{message.substr(0, 4096), prefix + message.substr(4096),
                                         prefix + "<END>"}));
@@ -191,7 +193,7 @@ TEST_F(SseTransportTest, ExactMultipleOf4096EndsWithPrefixOnlyPiece) {
     SseReceiver receiver = socketReceiver();
     const std::string message = reportMessage("Two", 8192);
     EXPECT_EQ(sse_chunk_send(message.c_str()), 0);
-    ASSERT_TRUE(receiver.waitForPieces(4, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(4, kEventDeadline));
     EXPECT_EQ(receiver.pieces(),
               (std::vector<std::string>{message.substr(0, 4096), "Two=" + message.substr(4096),
                                         "Two=", "Two=<END>"}));
@@ -205,7 +207,7 @@ TEST_F(SseTransportTest, MessageWithoutIdMarkerUsesItselfAsPrefix) {
     SseReceiver receiver = socketReceiver();
     const std::string message(4100, 'z');
     EXPECT_EQ(sse_chunk_send(message.c_str()), 0);
-    ASSERT_TRUE(receiver.waitForPieces(3, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(3, kEventDeadline));
     EXPECT_EQ(receiver.pieces(),
               (std::vector<std::string>{message.substr(0, 4096), message + message.substr(4096),
                                         message + "<END>"}));
@@ -220,7 +222,7 @@ TEST_F(SseTransportTest, TwoThreadsSendingLongReportsStayAttributable) {
     a.join();
     b.join();
     // 20000 bytes: 5 pieces + end marker; 23000 bytes: 6 pieces + end marker.
-    ASSERT_TRUE(receiver.waitForPieces(13, 10s));
+    ASSERT_TRUE(receiver.waitForPieces(13, kEventDeadline));
     auto messages = receiver.messages();
     ASSERT_EQ(messages.size(), 2u);
     for (const auto& message : messages) {

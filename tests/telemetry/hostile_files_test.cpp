@@ -16,6 +16,7 @@
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
 #include "telemetry/log_reports.h"
+#include "telemetry/serial_log_lock.h"
 #include "telemetry/test_report_thread_internal.h"
 
 using namespace rfevent;
@@ -38,21 +39,6 @@ int openDescriptors() {
     return count;
 }
 
-// True when another process could take the serial-log lock now.
-bool lockIsFree() {
-    pid_t child = fork();
-    if (child == 0) {
-        int fd = open(path(FixedPath::SerialLogLock).c_str(), O_WRONLY | O_CREAT, 0644);
-        struct flock lock = {};
-        lock.l_type = F_WRLCK;
-        lock.l_whence = SEEK_SET;
-        _exit(fcntl(fd, F_SETLK, &lock) == 0 ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 class HostileFilesTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -71,10 +57,10 @@ TEST_F(HostileFilesTest, AMissingCaptureHoldsTheLockOnceHoweverOftenItIsAnnounce
         EXPECT_EQ(sendSerialLogToSSE(), -1);
     }
     EXPECT_EQ(openDescriptors(), held);
-    EXPECT_FALSE(lockIsFree()); // still held by the process
+    EXPECT_FALSE(rfevent::testkit::serialLogLockIsFree()); // still held by the process
     tk::writeFile(path(FixedPath::SerialLogCapture), "back\n");
     EXPECT_EQ(sendSerialLogToSSE(), 0); // the held lock is used, then released
-    EXPECT_TRUE(lockIsFree());
+    EXPECT_TRUE(rfevent::testkit::serialLogLockIsFree());
     EXPECT_EQ(openDescriptors(), held - 1);
 }
 

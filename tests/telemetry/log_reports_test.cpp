@@ -19,7 +19,9 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
+#include "harness/wait.h"
 #include "telemetry/push_subscriber.h"
+#include "telemetry/serial_log_lock.h"
 
 using namespace rfevent;
 
@@ -27,6 +29,7 @@ namespace {
 
 using rfevent::fixedPath;
 using rfevent::FixedPath;
+using rfevent::testkit::kEventDeadline;
 using rfevent::testkit::LogCapture;
 using rfevent::testkit::parseJson;
 using rfevent::testkit::readFile;
@@ -164,7 +167,7 @@ TEST_F(LogReportsTest, TypeNamesMatchAsPrefixes) {
     rfevent::testkit::SseReceiver receiver(
         {"", rfevent::testkit::SseReceiver::portFromEnvironment()});
     EXPECT_EQ(0, sendLog_to_sse("{}", ""));
-    ASSERT_TRUE(receiver.waitForPieces(2, std::chrono::seconds(5)));
+    ASSERT_TRUE(receiver.waitForPieces(2, kEventDeadline));
     EXPECT_EQ(kSerialPrefix + "<END>", receiver.pieces()[1]);
 }
 
@@ -236,7 +239,7 @@ class LogReportsSseTest : public LogReportsTest {
 TEST_F(LogReportsSseTest, MessageCarriesTheInMemoryCounterThenIncrementsIt) {
     serialLogSequence.store(7);
     EXPECT_EQ(0, sendLog_to_sse(R"({"a":1})", "SerialLog"));
-    ASSERT_TRUE(receiver_.waitForPieces(2, std::chrono::seconds(5)));
+    ASSERT_TRUE(receiver_.waitForPieces(2, kEventDeadline));
     auto pieces = receiver_.pieces();
     EXPECT_EQ(kSerialPrefix + R"(<id:7>:{"a":1})", pieces[0]);
     EXPECT_EQ(kSerialPrefix + "<END>", pieces[1]);
@@ -246,7 +249,7 @@ TEST_F(LogReportsSseTest, MessageCarriesTheInMemoryCounterThenIncrementsIt) {
 TEST_F(LogReportsSseTest, CpuRegistersUseTheirOwnFilterAndCounter) {
     cpuRegisterSequence.store(3);
     EXPECT_EQ(0, sendLog_to_sse("{}", "CPURegisters"));
-    ASSERT_TRUE(receiver_.waitForPieces(2, std::chrono::seconds(5)));
+    ASSERT_TRUE(receiver_.waitForPieces(2, kEventDeadline));
     EXPECT_EQ(kCpuPrefix + "<id:3>:{}", receiver_.pieces()[0]);
     EXPECT_EQ(kCpuPrefix + "<END>", receiver_.pieces()[1]);
 }
@@ -255,14 +258,15 @@ TEST_F(LogReportsSseTest, UnknownTypeSendsNothing) {
     LogCapture log;
     EXPECT_EQ(-1, sendLog_to_sse("{}", "Other"));
     EXPECT_TRUE(log.contains(2, "invalid type"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_TRUE(receiver_.pieces().empty());
+    // Only the marker sent after the call arrives: the call sent nothing.
+    ASSERT_TRUE(receiver_.sendMarker(kEventDeadline));
+    EXPECT_EQ(receiver_.pieces(), std::vector<std::string>{rfevent::testkit::SseReceiver::kMarker});
 }
 
 TEST_F(LogReportsSseTest, LongMessageGoesThroughChunking) {
     std::string report = "{\"p\":\"" + std::string(5000, 'z') + "\"}";
     EXPECT_EQ(0, sendLog_to_sse(report.c_str(), "SerialLog"));
-    ASSERT_TRUE(receiver_.waitForPieces(3, std::chrono::seconds(5)));
+    ASSERT_TRUE(receiver_.waitForPieces(3, kEventDeadline));
     auto pieces = receiver_.pieces();
     ASSERT_EQ(3u, pieces.size());
     EXPECT_EQ(4096u, pieces[0].size());
@@ -313,21 +317,6 @@ class LockHolder {
     pid_t child_ = -1;
 };
 
-// True when another process could take the serial-log lock now.
-bool lockIsFree() {
-    pid_t child = fork();
-    if (child == 0) {
-        int fd = open(fixedPath(FixedPath::SerialLogLock), O_WRONLY | O_CREAT, 0644);
-        struct flock lock = {};
-        lock.l_type = F_WRLCK;
-        lock.l_whence = SEEK_SET;
-        _exit(fcntl(fd, F_SETLK, &lock) == 0 ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 class SerialLogTest : public LogReportsSseTest {};
 
 TEST_F(SerialLogTest, CaptureBecomesAStoredAndSentReportAndIsEmptied) {
@@ -339,9 +328,9 @@ TEST_F(SerialLogTest, CaptureBecomesAStoredAndSentReportAndIsEmptied) {
     EXPECT_EQ("1", doc["ReportSequence"].asString());
     EXPECT_EQ("2", readFile(path(FixedPath::SerialLogSequence)));
     EXPECT_EQ("", readFile(path(FixedPath::SerialLogCapture)));
-    EXPECT_TRUE(lockIsFree());
+    EXPECT_TRUE(rfevent::testkit::serialLogLockIsFree());
 
-    ASSERT_TRUE(receiver_.waitForPieces(2, std::chrono::seconds(5)));
+    ASSERT_TRUE(receiver_.waitForPieces(2, kEventDeadline));
     std::string expected = kSerialPrefix + "<id:1>:" + stored;
     EncodeStr(expected);
     EXPECT_EQ(expected, receiver_.pieces()[0]);
@@ -355,7 +344,7 @@ TEST_F(SerialLogTest, EmptyCaptureStillGivesAReport) {
     Json::Value doc = parseJson(readFile(path(FixedPath::SerialLogReport)));
     EXPECT_EQ("", doc["MetricValues"][0]["MetricValue"].asString());
     EXPECT_EQ("", readFile(path(FixedPath::SerialLogCapture)));
-    EXPECT_TRUE(receiver_.waitForPieces(2, std::chrono::seconds(5)));
+    EXPECT_TRUE(receiver_.waitForPieces(2, kEventDeadline));
 }
 
 TEST_F(SerialLogTest, CaptureIsReportedUpToItsFirstNulAndEmptiedWhole) {
@@ -383,14 +372,14 @@ TEST_F(SerialLogTest, MissingCaptureKeepsTheLockHeld) {
     LogCapture log;
     EXPECT_EQ(-1, sendSerialLogToSSE());
     EXPECT_TRUE(log.contains(2, "File could not be read in local export function Exit"));
-    EXPECT_FALSE(lockIsFree());
+    EXPECT_FALSE(rfevent::testkit::serialLogLockIsFree());
     EXPECT_FALSE(rfevent::testkit::fileExists(path(FixedPath::SerialLogSequence)));
 }
 
 TEST_F(SerialLogTest, LongCaptureGoesThroughChunking) {
     writeFile(path(FixedPath::SerialLogCapture), std::string(6000, 'L'));
     EXPECT_EQ(0, sendSerialLogToSSE());
-    ASSERT_TRUE(receiver_.waitForPieces(3, std::chrono::seconds(5)));
+    ASSERT_TRUE(receiver_.waitForPieces(3, kEventDeadline));
     auto messages = receiver_.messages();
     ASSERT_EQ(1u, messages.size());
     EXPECT_TRUE(messages[0].complete);
@@ -410,7 +399,7 @@ TEST_F(LogReportsSseTest, OneByteDumpGivesFourCharactersEndingInPadding) {
     EXPECT_EQ("CPURegisters", doc["Id"].asString());
     EXPECT_EQ("2", readFile(path(FixedPath::CpuRegisterSequence)));
     EXPECT_EQ(std::string(1, '\x7f'), readFile(path(FixedPath::CpuRegisterCapture))); // kept
-    ASSERT_TRUE(receiver_.waitForPieces(2, std::chrono::seconds(5)));
+    ASSERT_TRUE(receiver_.waitForPieces(2, kEventDeadline));
     EXPECT_EQ(0u, receiver_.pieces()[0].rfind(kCpuPrefix + "<id:1>:", 0));
 }
 
@@ -426,7 +415,7 @@ TEST_F(LogReportsSseTest, CpuRegisterReportStoresAndSends) {
     EXPECT_EQ(0, sendCPURegisterReport("QUJD", "CPURegisters"));
     Json::Value doc = parseJson(readFile(path(FixedPath::CpuRegisterReport)));
     EXPECT_EQ("QUJD", doc["MetricValues"][0]["MetricValue"].asString());
-    EXPECT_TRUE(receiver_.waitForPieces(2, std::chrono::seconds(5)));
+    EXPECT_TRUE(receiver_.waitForPieces(2, kEventDeadline));
 }
 
 } // namespace
@@ -445,11 +434,11 @@ TEST_F(SerialLogTest, PushSubscriberGetsTheDocumentUnchanged) {
 
     writeFile(path(FixedPath::SerialLogCapture), "a;b");
     EXPECT_EQ(0, sendSerialLogToSSE());
-    ASSERT_TRUE(server.waitForRequests(1, std::chrono::seconds(5)));
+    ASSERT_TRUE(server.waitForRequests(1, kEventDeadline));
     std::string body = server.requests()[0].body;
     EXPECT_EQ(readFile(path(FixedPath::SerialLogReport)), body);
     EXPECT_NE(std::string::npos, body.find("a;b"));
-    ASSERT_TRUE(receiver_.waitForPieces(2, std::chrono::seconds(5)));
+    ASSERT_TRUE(receiver_.waitForPieces(2, kEventDeadline));
     EXPECT_NE(std::string::npos, receiver_.pieces()[0].find("a%3Bb"));
 }
 
@@ -459,7 +448,7 @@ TEST_F(LogReportsSseTest, CpuRegisterReportReachesPushSubscriber) {
 
     writeFile(path(FixedPath::CpuRegisterCapture), "foobar");
     sendCPUDumpToTelemetry();
-    ASSERT_TRUE(server.waitForRequests(1, std::chrono::seconds(5)));
+    ASSERT_TRUE(server.waitForRequests(1, kEventDeadline));
     Json::Value doc = parseJson(server.requests()[0].body);
     EXPECT_EQ("Zm9vYmFy", doc["MetricValues"][0]["MetricValue"].asString());
 }

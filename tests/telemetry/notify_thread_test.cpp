@@ -1,13 +1,17 @@
 // The telemetry pipe reader: real FIFO, byte patterns as the telemetry service writes them,
 // recorded lookups and commands.
+#include "harness/wait.h"
 #include "telemetry/notify_thread.h"
 #include "telemetry/notify_thread_internal.h"
+#include "telemetry/running_pipe.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -307,36 +311,35 @@ class NotifyThreadTest : public ::testing::Test {
 };
 
 bool waitFor(const std::function<bool()>& condition) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return condition();
+    return rfevent::testkit::waitUntil(condition);
 }
 
-void startThread() {
-    pthread_t thread;
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, TelemetryServiceNotifyWaitThread,
-                                &rfevent::g_telemetryNotifyFlag));
-    pthread_detach(thread);
-}
-
+// With its flag raised the thread logs its start and parks: its loop never touches the pipe.
 TEST_F(NotifyThreadTest, ThreadWithFlagSetStaysParked) {
-    rfevent::g_telemetryNotifyFlag.store(1);
     LogCapture log;
-    startThread();
-    EXPECT_TRUE(waitFor([&] { return log.containsAny("TelemetryService notify thread start"); }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    RunFlag raised{1};
+    auto state = std::make_unique<TelemetryPipeState>();
+    runPipeThread(telemetryPipe(*state), &raised); // returns at once
     struct stat info;
+    EXPECT_NE(0, stat(fifoPath().c_str(), &info));
+    EXPECT_EQ(log.countAny("FIFO CREATION"), 0);
+    // The body itself runs in a child process, since it never returns.
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        TelemetryServiceNotifyWaitThread(&raised);
+        _exit(1);
+    }
+    EXPECT_TRUE(waitFor([&] { return log.containsAny("TelemetryService notify thread start"); }));
+    EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0); // parked, not ended
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
     EXPECT_NE(0, stat(fifoPath().c_str(), &info)); // never got as far as the pipe
 }
 
 TEST_F(NotifyThreadTest, ThreadReadsAnnouncementsFromItsPipe) {
-    rfevent::g_telemetryNotifyFlag.store(0);
-    startThread();
+    auto state = std::make_unique<TelemetryPipeState>();
+    rfevent::testkit::RunningPipe running(telemetryPipe(*state));
     struct stat info;
     ASSERT_TRUE(waitFor([&] { return stat(fifoPath().c_str(), &info) == 0; }));
     int writer = open(fifoPath().c_str(), O_WRONLY);
@@ -389,8 +392,8 @@ TEST(NotifyEndToEnd, AnnouncedReportReachesPushSubscriberAndSseClient) {
     sqlite3_close(db);
 
     rfevent::g_telemetryPipeActions = rfevent::defaultTelemetryPipeActions();
-    rfevent::g_telemetryNotifyFlag.store(0);
-    startThread();
+    auto state = std::make_unique<TelemetryPipeState>();
+    RunningPipe running(telemetryPipe(*state));
     struct stat info;
     ASSERT_TRUE(waitFor([&] { return stat(fifoPath().c_str(), &info) == 0; }));
     int writer = open(fifoPath().c_str(), O_WRONLY);
@@ -399,13 +402,13 @@ TEST(NotifyEndToEnd, AnnouncedReportReachesPushSubscriberAndSseClient) {
     ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(writer, bytes.data(), bytes.size()));
     close(writer);
 
-    ASSERT_TRUE(server.waitForRequests(1, std::chrono::seconds(5)));
+    ASSERT_TRUE(server.waitForRequests(1, rfevent::testkit::kEventDeadline));
     RecordedRequest request = server.requests()[0];
     EXPECT_EQ("POST", request.method);
     EXPECT_EQ("/metrics", request.target);
     EXPECT_EQ(kEndToEndReport, request.body);
 
-    ASSERT_TRUE(receiver.waitForPieces(2, std::chrono::seconds(5)));
+    ASSERT_TRUE(receiver.waitForPieces(2, rfevent::testkit::kEventDeadline));
     EXPECT_EQ("EventFormatType eq MetricReport=<id:5>:" + kEndToEndReport, receiver.pieces()[0]);
     EXPECT_EQ("EventFormatType eq MetricReport=<END>", receiver.pieces()[1]);
 }

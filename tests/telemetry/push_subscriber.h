@@ -24,7 +24,7 @@ class MetricReportSubscriber {
     static TestPki preparedPki() {
         TestPki pki = generateTestPki(rooted("/pki"));
         installClientCredentials(pki, sandboxRoot());
-        writeDeliveryAttributes(1, 1, "No");
+        writeDeliveryAttributes(1, kRoomyIntervalSeconds, "No");
         return pki;
     }
 

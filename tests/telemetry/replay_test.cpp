@@ -23,6 +23,7 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
+#include "harness/wait.h"
 #include "telemetry/replay.h"
 #include "telemetry/replay_internal.h"
 #include "telemetry/report_db.h"
@@ -91,7 +92,7 @@ TEST_F(SseReplayTest, LongCpuRegisterReportIsChunkedUnderTheClientsKey) {
     process_last_event_id(("17|" + kCpuFilter).c_str());
     const std::string message = kCpuFilter + "=<id:17>:" + report;
     // 9000 + key bytes: three pieces and the end marker.
-    ASSERT_TRUE(receiver.waitForPieces(4, 5s)) << log.dump();
+    ASSERT_TRUE(receiver.waitForPieces(4, rfevent::testkit::kEventDeadline)) << log.dump();
     auto messages = receiver.messages();
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_EQ(messages[0].key, kCpuFilter + "=");
@@ -106,9 +107,9 @@ TEST_F(SseReplayTest, LongCpuRegisterReportIsChunkedUnderTheClientsKey) {
 TEST_F(SseReplayTest, ShortReportReplaysOnlyTheEndMarker) {
     storeCpuReport(makeReport("CPURegisters", "17", 500));
     process_last_event_id(("17|" + kCpuFilter).c_str());
-    ASSERT_TRUE(receiver.waitForPieces(1, 5s));
-    EXPECT_FALSE(receiver.waitForPieces(2, 300ms));
-    EXPECT_EQ(receiver.pieces(), std::vector<std::string>{kCpuFilter + "=<END>"});
+    ASSERT_TRUE(receiver.sendMarker(rfevent::testkit::kEventDeadline));
+    EXPECT_EQ(receiver.pieces(),
+              (std::vector<std::string>{kCpuFilter + "=<END>", SseReceiver::kMarker}));
 }
 
 TEST_F(SseReplayTest, SequenceMismatchSendsNothing) {
@@ -116,13 +117,15 @@ TEST_F(SseReplayTest, SequenceMismatchSendsNothing) {
     LogCapture log;
     process_last_event_id(("17|" + kCpuFilter).c_str());
     EXPECT_EQ(log.count(4, "Last Event Id is not matched"), 1);
-    EXPECT_FALSE(receiver.waitForPieces(1, 300ms));
+    // The replay runs on this thread: what it sent was connected before the marker.
+    ASSERT_TRUE(receiver.sendMarker(rfevent::testkit::kEventDeadline));
+    EXPECT_EQ(receiver.pieces(), std::vector<std::string>{SseReceiver::kMarker});
 }
 
 TEST_F(SseReplayTest, NumericSequenceComparesAsItsDigits) {
     storeCpuReport(makeReport("CPURegisters", 17, 500));
     process_last_event_id(("17|" + kCpuFilter).c_str());
-    EXPECT_TRUE(receiver.waitForPieces(1, 5s));
+    EXPECT_TRUE(receiver.waitForPieces(1, rfevent::testkit::kEventDeadline));
 }
 
 TEST_F(SseReplayTest, CapitalisedSerialLogIsRoutedToTheFilesAndFindsNone) {
@@ -135,7 +138,9 @@ TEST_F(SseReplayTest, CapitalisedSerialLogIsRoutedToTheFilesAndFindsNone) {
     EXPECT_EQ(log.count(5, "errno: 2"), 1) << log.dump();
     EXPECT_EQ(log.count(5, "fileStat.st_size: 0"), 1);
     EXPECT_EQ(log.count(4, "report_json is NULL"), 1);
-    EXPECT_FALSE(receiver.waitForPieces(1, 300ms));
+    // The replay runs on this thread: what it sent was connected before the marker.
+    ASSERT_TRUE(receiver.sendMarker(rfevent::testkit::kEventDeadline));
+    EXPECT_EQ(receiver.pieces(), std::vector<std::string>{SseReceiver::kMarker});
 }
 
 TEST_F(SseReplayTest, LowerCaseSeriallogReadsTheSerialLogFile) {
@@ -144,7 +149,7 @@ TEST_F(SseReplayTest, LowerCaseSeriallogReadsTheSerialLogFile) {
                                 makeReport("SerialLog", "3", 500));
     LogCapture log;
     process_last_event_id(("3|" + filter).c_str());
-    ASSERT_TRUE(receiver.waitForPieces(1, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(1, rfevent::testkit::kEventDeadline));
     EXPECT_EQ(receiver.pieces(), std::vector<std::string>{filter + "=<END>"});
     EXPECT_EQ(log.count(5, "seriallog json file exists"), 1);
 }
@@ -174,7 +179,7 @@ TEST_F(SseReplayTest, OtherNamesAreLookedUpInTheTelemetryDatabase) {
     process_last_event_id(("41|" + filter).c_str());
     EXPECT_EQ(log.count(4, "After the removals [PowerMetrics]"), 1);
     EXPECT_EQ(log.count(4, "]Entering sendLastLogToSSE Function"), 0);
-    ASSERT_TRUE(receiver.waitForPieces(3, 5s)) << log.dump();
+    ASSERT_TRUE(receiver.waitForPieces(3, rfevent::testkit::kEventDeadline)) << log.dump();
     auto messages = receiver.messages();
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_EQ(messages[0].text, filter + "=<id:41>:" + report);
@@ -186,7 +191,9 @@ TEST_F(SseReplayTest, ReportMissingFromTheDatabaseSendsNothing) {
     LogCapture log;
     process_last_event_id("1|MetricReportDefinition eq '/x/PowerMetrics'");
     EXPECT_EQ(log.count(4, "report_json is NULL"), 1);
-    EXPECT_FALSE(receiver.waitForPieces(1, 300ms));
+    // The replay runs on this thread: what it sent was connected before the marker.
+    ASSERT_TRUE(receiver.sendMarker(rfevent::testkit::kEventDeadline));
+    EXPECT_EQ(receiver.pieces(), std::vector<std::string>{SseReceiver::kMarker});
 }
 
 TEST_F(SseReplayTest, RequestWithoutSecondFieldIsDropped) {
@@ -197,13 +204,15 @@ TEST_F(SseReplayTest, RequestWithoutSecondFieldIsDropped) {
     process_last_event_id("");
     EXPECT_EQ(log.count(2, "Replay request without filter text dropped"), 4);
     EXPECT_EQ(log.countAny("Substring after slash"), 0);
-    EXPECT_FALSE(receiver.waitForPieces(1, 300ms));
+    // The replay runs on this thread: what it sent was connected before the marker.
+    ASSERT_TRUE(receiver.sendMarker(rfevent::testkit::kEventDeadline));
+    EXPECT_EQ(receiver.pieces(), std::vector<std::string>{SseReceiver::kMarker});
 }
 
 TEST_F(SseReplayTest, FurtherFieldsAreIgnoredAndEmptyOnesVanish) {
     storeCpuReport(makeReport("CPURegisters", "17", 500));
     process_last_event_id(("||17||" + kCpuFilter + "|ignored|18").c_str());
-    ASSERT_TRUE(receiver.waitForPieces(1, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(1, rfevent::testkit::kEventDeadline));
     EXPECT_EQ(receiver.pieces(), std::vector<std::string>{kCpuFilter + "=<END>"});
 }
 
@@ -253,7 +262,7 @@ TEST_F(SseReplayTest, OnePassHandlesAReadBufferAndZeroesIt) {
     EXPECT_EQ(std::string(buffer, sizeof buffer), std::string(sizeof buffer, '\0'));
     EXPECT_EQ(log.count(5, "SSEINFRAFIFO read happened " + request), 1);
     EXPECT_EQ(log.count(5, "SSEInfra to RF " + request + ", " + std::to_string(request.size())), 1);
-    ASSERT_TRUE(receiver.waitForPieces(1, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(1, rfevent::testkit::kEventDeadline));
 }
 
 TEST_F(SseReplayTest, OnePassWithNothingReadOnlyLogs) {
@@ -303,18 +312,22 @@ TEST_F(SseReplayTest, ThreadBodyServesTheFifoAndPollsWhenIdle) {
     SseReceiver live({"", SseReceiver::portFromEnvironment()});
     const std::string path = fixedPath(FixedPath::SseInfraFifo);
     int fd = -1;
-    for (int i = 0; i < 100 && fd < 0; ++i) {
+    rfevent::testkit::waitUntil([&] {
         fd = open(path.c_str(), O_WRONLY | O_NONBLOCK); // succeeds once the thread reads
-        if (fd < 0) {
-            std::this_thread::sleep_for(20ms);
-        }
+        return fd >= 0;
+    });
+    if (fd < 0) {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        FAIL() << "the thread never opened its pipe\n" << log.dump();
     }
-    ASSERT_GE(fd, 0) << log.dump();
     const std::string request = "17|" + kCpuFilter;
     EXPECT_EQ(write(fd, request.c_str(), request.size()), static_cast<ssize_t>(request.size()));
     close(fd);
-    const bool delivered = live.waitForPieces(3, 5s);
-    std::this_thread::sleep_for(2500ms); // one idle poll after the pacing pause
+    const bool delivered = live.waitForPieces(3, rfevent::testkit::kEventDeadline);
+    // After the pacing pause the idle pipe is read again.
+    EXPECT_TRUE(rfevent::testkit::waitUntil(
+        [&] { return log.count(5, "SSEINFRAFIFO read happened") >= 2; }));
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     ASSERT_TRUE(delivered) << log.dump();

@@ -200,11 +200,13 @@ TEST_F(ReportDbTest, BusyDatabaseIsWaitedFor) {
     createReportTable({{kReportsPrefix + "Rpt1", "late"}});
     sqlite3* writer = openWriter();
     exec(writer, "BEGIN EXCLUSIVE");
+    // Taken before the releasing thread exists: the commit comes at least 300 ms after this
+    // however late the thread or this one gets the processor.
+    auto started = std::chrono::steady_clock::now();
     std::thread release([writer] {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         sqlite3_exec(writer, "COMMIT", nullptr, nullptr, nullptr);
     });
-    auto started = std::chrono::steady_clock::now();
     EXPECT_EQ("late", lookup("Rpt1"));
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(250));
     release.join();

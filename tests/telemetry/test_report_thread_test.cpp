@@ -1,4 +1,6 @@
 // The test report pipe: whole reads delivered as report texts.
+#include "harness/wait.h"
+#include "telemetry/running_pipe.h"
 #include "telemetry/test_report_thread.h"
 #include "telemetry/test_report_thread_internal.h"
 
@@ -52,20 +54,16 @@ std::string fifoPath() {
     return rfevent::fixedPath(rfevent::FixedPath::TestReportFifo);
 }
 
-// Starts the real thread (detached: it never ends) and opens its pipe for writing once the
-// thread has created it; -1 when that fails.
-int startThreadAndOpenPipe() {
-    pthread_t thread;
-    if (pthread_create(&thread, nullptr, RedfishTestMetricReportThread,
-                       &rfevent::g_testReportFlag) != 0) {
+// Opens the pipe for writing once the loop has created it; -1 when that does not happen.
+int openPipeForWriting() {
+    struct stat info;
+    if (!rfevent::testkit::waitUntil([] {
+            struct stat now;
+            return stat(fifoPath().c_str(), &now) == 0;
+        })) {
         return -1;
     }
-    pthread_detach(thread);
-    struct stat info;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (stat(fifoPath().c_str(), &info) != 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    (void)info;
     return open(fifoPath().c_str(), O_WRONLY);
 }
 
@@ -151,16 +149,14 @@ TEST(TestReportThread, RunningThreadDeliversWhatIsWritten) {
     rfevent::testkit::resetSandbox();
     g_events.clear();
     rfevent::g_testReportActions = {recordSubscription, recordSse};
-    rfevent::g_testReportFlag.store(0);
-    int writer = startThreadAndOpenPipe();
+    char buffer[rfevent::kTestReportBufferSize] = {};
+    rfevent::testkit::RunningPipe running(rfevent::testReportPipe(buffer));
+    int writer = openPipeForWriting();
     ASSERT_GE(writer, 0);
     std::string report = reportOfSize(200);
     ASSERT_EQ(200, ::write(writer, report.data(), report.size()));
     close(writer);
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (events().size() < 2 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    EXPECT_TRUE(rfevent::testkit::waitUntil([] { return events().size() >= 2; }));
     EXPECT_EQ((std::vector<std::string>{"subscription:" + report, "sse:" + report}), events());
 }
 
@@ -192,21 +188,26 @@ TEST(TestReportEndToEnd, ReportReachesPushSubscriberAndSseClient) {
     ASSERT_EQ(200u, report.size());
 
     rfevent::g_testReportActions = rfevent::defaultTestReportActions();
-    rfevent::g_testReportFlag.store(0);
-    int writer = startThreadAndOpenPipe();
+    char buffer[rfevent::kTestReportBufferSize] = {};
+    RunningPipe running(rfevent::testReportPipe(buffer));
+    int writer = openPipeForWriting();
     ASSERT_GE(writer, 0);
     ASSERT_EQ(200, ::write(writer, report.data(), report.size()));
-    close(writer);
 
-    ASSERT_TRUE(server.waitForRequests(1, std::chrono::seconds(5)));
+    ASSERT_TRUE(server.waitForRequests(1, kEventDeadline));
     EXPECT_EQ(report, server.requests()[0].body);
-    ASSERT_TRUE(receiver.waitForPieces(2, std::chrono::seconds(5)));
+    ASSERT_TRUE(receiver.waitForPieces(2, kEventDeadline));
     std::string key =
         "MetricReportDefinition eq '/redfish/v1/TelemetryService/MetricReportDefinitions/T'=";
     EXPECT_EQ(key + "<id:9>:" + report, receiver.pieces()[0]);
     EXPECT_EQ(key + "<END>", receiver.pieces()[1]);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(1u, server.requestCount());
+    // A second report is the marker: when it has arrived, the first one was sent only once.
+    const std::string marker = reportOfSize(100);
+    ASSERT_EQ(100, ::write(writer, marker.data(), marker.size()));
+    close(writer);
+    ASSERT_TRUE(server.waitForRequests(2, kEventDeadline));
+    EXPECT_EQ(2u, server.requestCount());
+    EXPECT_EQ(marker, server.requests()[1].body);
 }
 
 } // namespace

@@ -167,7 +167,7 @@ int Simulation::runCommand() {
 void Simulation::demo() {
     stepHeader("1. Alerts of each severity, with FQDDs");
     note("push subscription 1 (alerts) and the SSE alert client receive each alert;");
-    note("subscription 4 points at a port where nothing listens: 2 attempts, 1 s apart, then");
+    note("subscription 4 points at a port where nothing listens: 2 attempts, no pause, then");
     note("event-log entry JX083 and its DeliveryRetryPolicy SuspendRetries disable it");
     for (const AlertSpec& alert : demoAlerts()) {
         note("FQDD " + alert.fqdd + " -> " + plugin_.mapFqdd(alert.fqdd));
