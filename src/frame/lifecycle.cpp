@@ -25,8 +25,7 @@ namespace {
 // Creates the thread into its slot and names it (at most 15 characters; operators see the name
 // in top -H and /proc/<pid>/task/*/comm). A failing pthread_create is only recorded in the slot:
 // the start function reports success in every case.
-int createInto(ThreadSlot* slot, void* (*body)(void*), const char* name,
-               RunFlag* flag = nullptr) {
+int createInto(ThreadSlot* slot, void* (*body)(void*), const char* name, RunFlag* flag = nullptr) {
     slot->result = pthread_create(&slot->thread, nullptr, body, flag);
     if (slot->result == 0) {
         pthread_setname_np(slot->thread, name);
@@ -36,7 +35,8 @@ int createInto(ThreadSlot* slot, void* (*body)(void*), const char* name,
 
 int startTelemetryNotify(ThreadSlot* slot) {
     g_telemetryNotifyFlag.store(0, std::memory_order_relaxed);
-    return createInto(slot, TelemetryServiceNotifyWaitThread, "rf-telemetry", &g_telemetryNotifyFlag);
+    return createInto(slot, TelemetryServiceNotifyWaitThread, "rf-telemetry",
+                      &g_telemetryNotifyFlag);
 }
 
 int startTestReport(ThreadSlot* slot) {
