@@ -58,7 +58,8 @@ class HostileStoreTest : public ::testing::Test {
 std::vector<std::string> folderEntries(const std::string& folder) {
     std::vector<std::string> names;
     if (DIR* dir = ::opendir(folder.c_str())) {
-        while (dirent* entry = ::readdir(dir)) {
+        // readdir64: on a 32-bit target the plain form fails on large inode numbers.
+        while (dirent64* entry = ::readdir64(dir)) {
             if (entry->d_name[0] != '.') {
                 names.push_back(entry->d_name);
             }
