@@ -122,13 +122,36 @@ TEST_F(SseTransportTest, SocketPieceHasNoNulAndIsLogged) {
     EXPECT_EQ(sse_sock_fd, -1);
 }
 
+// A piece's lines come in the order of its steps, one piece after the other, whenever they
+// are written.
+TEST_F(SseTransportTest, EachPieceLogsItsStepsInOrder) {
+    SseReceiver receiver = socketReceiver();
+    LogCapture log;
+    EXPECT_EQ(send_to_sock_sse("one"), 0);
+    EXPECT_EQ(send_to_sock_sse("three"), 0);
+    ASSERT_TRUE(receiver.waitForPieces(2, kEventDeadline));
+    std::vector<std::string> steps;
+    for (const std::string& line : log.lines()) {
+        for (const char* step : {"client: connecting to 127.0.0.1", "buf length: ", "numbytes "}) {
+            const std::size_t at = line.find(step);
+            if (at != std::string::npos) {
+                steps.push_back(line.substr(at));
+            }
+        }
+    }
+    EXPECT_EQ(steps, (std::vector<std::string>{"client: connecting to 127.0.0.1", "buf length: 3",
+                                               "numbytes 3", "client: connecting to 127.0.0.1",
+                                               "buf length: 5", "numbytes 5"}))
+        << log.dump();
+}
+
 // The stream server's address is resolved once and kept; every piece still says where it went.
 TEST_F(SseTransportTest, EveryPieceOfALongMessageLogsItsPeerAndLength) {
     SseReceiver receiver = socketReceiver();
     LogCapture log;
     EXPECT_EQ(send_to_sock_sse("first"), 0);
     EXPECT_EQ(sse_chunk_send(reportMessage("K", 3 * 4096 + 10).c_str()), 0);
-    ASSERT_TRUE(receiver.waitForPieces(6, 5s));
+    ASSERT_TRUE(receiver.waitForPieces(6, kEventDeadline));
     EXPECT_EQ(log.count(5, "client: connecting to 127.0.0.1"), 6) << log.dump();
     EXPECT_EQ(log.count(2, "buf length: "), 6);
     EXPECT_EQ(log.count(2, "numbytes "), 6);
