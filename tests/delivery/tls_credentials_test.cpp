@@ -17,6 +17,7 @@
 #include "harness/https_server.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
+#include "harness/wait.h"
 
 using namespace rfevent;
 
@@ -77,13 +78,11 @@ class TlsCredentialsTest : public ::testing::Test {
             }
         }
         // The destination tells what became of the connection on a thread of its own.
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (std::chrono::steady_clock::now() < deadline &&
-               (server.connectionsAccepted() == 0 ||
-                server.handshakeFailures() + static_cast<int>(server.requestCount()) <
-                    server.connectionsAccepted())) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        waitUntil([&] {
+            return server.connectionsAccepted() > 0 &&
+                   server.handshakeFailures() + static_cast<int>(server.requestCount()) >=
+                       server.connectionsAccepted();
+        });
         if (server.requestCount() > 0) {
             outcome.clientCn = server.requests()[0].clientCn;
             outcome.clientVerified = server.requests()[0].clientCertVerified;
