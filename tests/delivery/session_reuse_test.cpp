@@ -180,7 +180,7 @@ TEST_F(SessionReuseTest, ReplacedClientCertificateIsPresentedNotHiddenBehindASes
 }
 
 TEST_F(SessionReuseTest, ReplacedCaBundleIsCheckedNotHiddenBehindASession) {
-    writeDeliveryAttributes(1, 1, "No");
+    writeDeliveryAttributes(1, 0, "No"); // the refusal is immediate: no time-out, no pause
     HttpsServer server(pki_);
     ASSERT_TRUE(post(server.url()));
     EXPECT_EQ(pass({server.url()}), (std::vector<int>{0}));
@@ -242,15 +242,16 @@ TEST_F(SessionReuseTest, RestartedDestinationGetsAFullHandshakeAndTheDelivery) {
     EXPECT_TRUE(eventLogEntries().empty());
 }
 
-// The transfer fails after its handshake (no answer within the time-out); the session it left
-// serves the next delivery.
+// The transfer fails after its handshake (the destination closes without an answer); the
+// session it left serves the next delivery. A retry interval of 0: no time-out (every
+// failure here is immediate) and no pause after the failure.
 TEST_F(SessionReuseTest, FailedTransferLeavesNoSessionThatBreaksTheNext) {
-    writeDeliveryAttributes(1, 1, "No");
+    writeDeliveryAttributes(1, 0, "No");
     HttpsServer server(pki_);
-    server.setDelayMs(2500);
+    server.setStatus(0);
     EXPECT_FALSE(post(server.url()));
     EXPECT_EQ(pass({server.url()}), (std::vector<int>{1}));
-    server.setDelayMs(0);
+    server.setStatus(200);
     ASSERT_TRUE(post(server.url()));
     EXPECT_EQ(pass({server.url()}), (std::vector<int>{0}));
     EXPECT_EQ(resumed(server), (std::vector<bool>{false, true, true, true}));
@@ -260,7 +261,7 @@ TEST_F(SessionReuseTest, FailedTransferLeavesNoSessionThatBreaksTheNext) {
 // A handshake the destination refuses (it does not know the client certificate's CA) stores
 // nothing; with the right certificate the next delivery goes through.
 TEST_F(SessionReuseTest, RefusedHandshakeLeavesNothingBehind) {
-    writeDeliveryAttributes(1, 1, "No");
+    writeDeliveryAttributes(1, 0, "No"); // the refusal is immediate: no time-out, no pause
     HttpsServer server(pki_);
     writeFile(rooted("/etc/certs/CA/certs/host.crt"), readFile(pki_.otherCaCert));
     writeFile(rooted("/flash/data0/cv/private/host.key"), readFile(pki_.otherCaKey));
@@ -294,19 +295,20 @@ TEST_F(SessionReuseTest, ManyReplacementsPresentEachCertificateInTurn) {
     }
 }
 
-// The first attempt times out; while the retry waits, the certificate is replaced. The retry
-// presents the new one instead of resuming the first attempt's session.
+// The first attempt gets no answer; right after its request was in, and so before the retry,
+// the certificate is replaced. The retry presents the new one instead of resuming the first
+// attempt's session.
 TEST_F(SessionReuseTest, RetryPresentsACertificateReplacedSinceTheFirstAttempt) {
-    writeDeliveryAttributes(2, 1, "No");
-    HttpsServer server(pki_);
-    server.setDelayMs(5000);
-    bool delivered = true;
-    std::thread sender([&] { delivered = post(server.url()); });
-    const bool first = server.waitForRequests(1, 10s);
-    installOtherClientIdentity(pki_, sandboxRoot());
-    sender.join();
-    ASSERT_TRUE(first);
-    EXPECT_FALSE(delivered); // both attempts time out
+    writeDeliveryAttributes(2, 0, "No"); // no time-out, no pause between the attempts
+    HttpsServerOptions options;
+    options.status = 0; // no answer: each attempt fails as soon as its request is in
+    options.afterRecord = [this](std::size_t count) {
+        if (count == 1) {
+            installOtherClientIdentity(pki_, sandboxRoot());
+        }
+    };
+    HttpsServer server(pki_, options);
+    EXPECT_FALSE(post(server.url())); // both attempts fail
     const std::vector<RecordedRequest> requests = server.requests();
     ASSERT_EQ(requests.size(), 2u);
     EXPECT_EQ(requests[0].clientCn, kTestClientCn);

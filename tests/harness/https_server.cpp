@@ -601,12 +601,15 @@ bool HttpsServer::readRequest(SSL* ssl, int fd, Clock::time_point deadline, Reco
     return true;
 }
 
-void HttpsServer::record(RecordedRequest request) {
+std::size_t HttpsServer::record(RecordedRequest request) {
+    std::size_t count = 0;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         requests_.push_back(std::move(request));
+        count = requests_.size();
     }
     recorded_.notify_all();
+    return count;
 }
 
 // One connection: TLS handshake, one request, one answer, close.
@@ -631,9 +634,13 @@ void HttpsServer::serveConnection(int fd) {
             X509_free(peer);
         }
         if (readRequest(ssl, fd, deadline, request)) {
-            record(std::move(request));
+            const std::size_t count = record(std::move(request));
+            if (options_.afterRecord) {
+                options_.afterRecord(count);
+            }
             const int status = status_.load(std::memory_order_relaxed);
-            if (awaitRelease(deadline) && pause(delayMs_.load(std::memory_order_relaxed))) {
+            if (status != 0 && awaitRelease(deadline) &&
+                pause(delayMs_.load(std::memory_order_relaxed))) {
                 const std::size_t bodyBytes = options_.responseBodyBytes;
                 writeAll(ssl, fd, deadline,
                          "HTTP/1.1 " + std::to_string(status) + " " + reasonPhrase(status) +

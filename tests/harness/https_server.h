@@ -20,6 +20,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -34,7 +35,7 @@ namespace rfevent::testkit {
 struct HttpsServerOptions {
     bool requireClientCert =
         true;         // handshake fails without a client certificate signed by the test CA
-    int status = 200; // status of every answer; see HttpsServer::setStatus
+    int status = 200; // status of every answer (0: none); see HttpsServer::setStatus
     int delayMs = 0;  // pause between reading a request and answering it
     std::size_t responseBodyBytes = 0; // the answer's body: this many bytes of 'x'
     // Record each request but answer none until releaseAnswers() (or stop()): shows that
@@ -44,6 +45,9 @@ struct HttpsServerOptions {
     bool resumption = true;
     int maxTlsVersion = 0; // e.g. TLS1_2_VERSION; 0: the library's highest
     int port = 0;          // 0: an ephemeral port; else this one (a restarted destination)
+    // Runs on the serving thread once a request is recorded and before it is answered, with
+    // the number of requests recorded so far: a test acts at that exact point of a delivery.
+    std::function<void(std::size_t)> afterRecord;
 };
 
 // One received request, exactly as it arrived.
@@ -92,7 +96,8 @@ class HttpsServer {
     // "https://127.0.0.1:<port><path>"
     std::string url(const std::string& path = "/") const;
 
-    // Take effect for requests whose body completes after the call.
+    // Take effect for requests whose body completes after the call. Status 0 answers nothing:
+    // the connection is closed once the request is in, and the client fails at once.
     void setStatus(int status) { status_.store(status, std::memory_order_relaxed); }
     void setDelayMs(int delayMs) { delayMs_.store(delayMs, std::memory_order_relaxed); }
     // While on, every new connection is closed as soon as it is accepted, before the TLS
@@ -136,7 +141,7 @@ class HttpsServer {
     void acceptLoop();
     void joinFinished(bool all);
     void serveConnection(int fd);
-    void record(RecordedRequest request);
+    std::size_t record(RecordedRequest request); // how many are recorded now
     bool waitIo(int fd, short events, std::chrono::steady_clock::time_point deadline) const;
     bool pause(int delayMs) const;
     bool awaitRelease(std::chrono::steady_clock::time_point deadline) const;
