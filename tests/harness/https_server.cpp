@@ -502,27 +502,7 @@ bool HttpsServer::pause(int delayMs) const {
 
 // Waits until releaseAnswers() when answers are held; false on stop() or at the deadline.
 bool HttpsServer::awaitRelease(Clock::time_point deadline) const {
-    if (!options_.holdAnswers) {
-        return true;
-    }
-    for (;;) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0) {
-            return false;
-        }
-        pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {releaseRead_, POLLIN, 0}};
-        const int ready = ::poll(fds, 2, static_cast<int>(left));
-        if (ready < 0 && errno == EINTR) {
-            continue;
-        }
-        if (ready < 0 || fds[0].revents != 0) {
-            return false;
-        }
-        if (fds[1].revents != 0) {
-            return true;
-        }
-    }
+    return !options_.holdAnswers || waitIo(releaseRead_, POLLIN, deadline);
 }
 
 // Repeats a non-blocking SSL call until it completes. Returns its positive
