@@ -10,13 +10,13 @@
 #include <chrono>
 #include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "base/paths.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
+#include "harness/wait.h"
 #include "sse/transport.h"
 
 using namespace rfevent;
@@ -70,17 +70,6 @@ std::string reportMessage(std::size_t bodySize) {
 
 using Clock = std::chrono::steady_clock;
 
-template <typename Condition> bool waitUntil(Condition condition, std::chrono::seconds limit) {
-    const auto deadline = Clock::now() + limit;
-    while (!condition()) {
-        if (Clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
 TEST_F(UnresponsiveServerTest, ALongMessageGivesUpAfterTheFirstPieceThatIsNotAccepted) {
     FullAcceptQueue server(SseReceiver::portFromEnvironment());
     ASSERT_TRUE(server.ok());
@@ -112,8 +101,8 @@ TEST_F(UnresponsiveServerTest, AnAlertFrameWaitsAtMostForOneBoundedConnect) {
     auto report = std::async(std::launch::async,
                              [] { return sse_chunk_send(reportMessage(1024 * 1024).c_str()); });
     // The alert frame queues on the send mutex behind the report's first connect.
-    ASSERT_TRUE(waitUntil([&] { return log.countAny("Entering send_to_sock_sse") > 0; },
-                          std::chrono::seconds(20)));
+    ASSERT_TRUE(
+        rfevent::testkit::waitUntil([&] { return log.countAny("Entering send_to_sock_sse") > 0; }));
     const auto start = Clock::now();
     EXPECT_EQ(send_to_sse("EventFormatType eq Event=<id:1>:{}<END>"), 0);
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(20));
