@@ -12,6 +12,7 @@
 #include "delivery/curl_options.h"
 #include "delivery/jxlog.h"
 #include "delivery/session_cache.h"
+#include "delivery/status.h"
 
 namespace rfevent {
 
@@ -48,7 +49,8 @@ void logCertificateChain(CURL* curl) {
 
 // Up to attempts transfers; after the last failed one the event-log entry and the flag.
 void attemptDelivery(CURL* curl, const char* uri, int attempts,
-                     const rfevent::PostSettings& settings, bool* failed) {
+                     const rfevent::PostSettings& settings, const std::string& subscriptionId,
+                     bool* failed) {
     const int interval = static_cast<int>(settings.interval);
     if (attempts <= 0) {
         return; // a retry count of 0 switches this delivery off
@@ -60,12 +62,14 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts,
             // Any HTTP answer counts: only transport failures are retried.
             RF_LOG(kLogDebug, "[%s():%d]curl_easy_perform success\n");
             logCertificateChain(curl);
+            recordDeliveryOutcome(subscriptionId, uri, curl, rc);
             return;
         }
         ++count;
         RF_LOG(kLogError, "[%s():%d]curl_easy_perform failed with status %d \n", rc);
         RF_LOG(kLogError, "[%s():%d]curl_easy_perform failed %d time sleeping for%d seconds\n",
                count, interval);
+        recordDeliveryOutcome(subscriptionId, uri, curl, rc);
         if (interval > 0) {
             ::sleep(static_cast<unsigned>(interval));
         }
@@ -83,7 +87,8 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts,
 
 // Steps under the POST lock: set-up, the attempts, clean-up (header list, then handle).
 void postLocked(const char* formData, const char* uri, const Json::Value& subscription,
-                int attempts, const rfevent::PostSettings& settings, bool* failed) {
+                int attempts, const rfevent::PostSettings& settings,
+                const std::string& subscriptionId, bool* failed) {
     std::lock_guard<std::mutex> guard(postLock());
     if (formData == nullptr || uri == nullptr) {
         RF_LOG(kLogError, "[%s():%d]formData or URI is NULL:\n");
@@ -99,14 +104,14 @@ void postLocked(const char* formData, const char* uri, const Json::Value& subscr
     rfevent::CurlList headers = rfevent::buildHeaderList(subscription, rfevent::kSinglePost);
     if (rfevent::setPostOptions(RF_HERE, curl.get(), uri, formData, headers.get(), settings,
                                 rfevent::kSinglePost)) {
-        attemptDelivery(curl.get(), uri, attempts, settings, failed);
+        attemptDelivery(curl.get(), uri, attempts, settings, subscriptionId, failed);
     }
 }
 
 } // namespace
 
 void sendHTTPPacketByCURL(const char* formData, const char* uri, const Json::Value& subscription,
-                          bool* failed) {
+                          bool* failed, const std::string& subscriptionId) {
     RF_ENTER();
     *failed = false;
     int attempts = getDeliveryRetryAttemptsValue();
@@ -114,7 +119,8 @@ void sendHTTPPacketByCURL(const char* formData, const char* uri, const Json::Val
     int ignoreSwitch = getIgnoreCertificateErrors();
     RF_LOG(kLogInfo, "[%s():%d]retryAttempts:%d, retryIntervalSec:%d", attempts, interval);
     RF_LOG(kLogInfo, "[%s():%d]isIgnoreCertificateErrors:%d", ignoreSwitch);
-    postLocked(formData, uri, subscription, attempts, {interval, ignoreSwitch}, failed);
+    postLocked(formData, uri, subscription, attempts, {interval, ignoreSwitch}, subscriptionId,
+               failed);
     RF_EXIT();
 }
 

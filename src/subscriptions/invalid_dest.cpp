@@ -12,6 +12,7 @@
 #include "base/paths.h"
 #include "base/run_flags.h"
 #include "delivery/single_post.h"
+#include "delivery/status.h"
 #include "delivery/target.h"
 #include "subscriptions/retry_policy.h"
 #include "subscriptions/store.h"
@@ -61,7 +62,7 @@ void resend(const InvalidDestinationRecord& record) {
     bool failed = false;
     sendHTTPPacketByCURL(record.report, record.destination,
                          record.subscription != nullptr ? *record.subscription : noSubscription,
-                         &failed);
+                         &failed, recordSubscriptionId(record));
     if (failed) {
         applyRetryPolicy(record);
     }
@@ -76,7 +77,7 @@ void probeSubscription(Json::Value& document, const std::string& id) {
            destination.c_str());
     bool failed = false;
     sendHTTPPacketByCURL(g_invalidDestinationProbeReport, destination.c_str(), subscription,
-                         &failed);
+                         &failed, id);
     RF_LOG(kLogDebug, "[%s():%d]bSuspendSubscription : %d", failed ? 1 : 0);
     if (failed) {
         return; // probed again next cycle; this thread never applies the policy
@@ -194,6 +195,7 @@ void* InvalidDestHandlingThread1(void* unused) {
     (void)unused;
     for (;;) {
         sleep(rfevent::kDrainPeriodSeconds);
+        rfevent::flushDeliveryStatus(); // a pending status change reaches the file within 3 s
         if (rfevent::queuedRecordCount() == 0) {
             continue;
         }
