@@ -163,8 +163,8 @@ void Monitor::printSummary(bool stepFailed) {
     };
     const auto outcomes = countsByDestination(settledDeliveryStatus());
     out_ << "\nSummary\n";
-    out_ << "  " << pad("Destination", 16) << pad("URL", 40) << pad("expected", 10)
-         << pad("received", 10) << pad("status", 11) << "delivered/refused/failed\n";
+    out_ << "  " << pad("Destination", 16) << pad("URL", 40) << pad("deliv/refus/fail", 18)
+         << pad("expected", 10) << pad("received", 10) << "status\n";
     for (const Destination& destination : destinations_) {
         int received = static_cast<int>(destination.seen);
         auto counts = outcomes.find(destination.url);
@@ -173,9 +173,9 @@ void Monitor::printSummary(bool stepFailed) {
                                         : std::to_string(counts->second.delivered) + "/" +
                                               std::to_string(counts->second.refused) + "/" +
                                               std::to_string(counts->second.failed);
-        out_ << "  " << pad(destination.name, 16) << pad(destination.url, 40)
+        out_ << "  " << pad(destination.name, 16) << pad(destination.url, 40) << pad(outcome, 18)
              << pad(std::to_string(destination.expected), 10) << pad(std::to_string(received), 10)
-             << pad(status(received, destination.expected), 11) << outcome << "\n";
+             << status(received, destination.expected) << "\n";
     }
     std::size_t keyWidth = 16;
     for (const auto& entry : sseKeys_) {
