@@ -194,6 +194,7 @@ void sendMultiperform(const char* body, std::vector<DeliveryTarget*>& targets) {
                static_cast<int>(targets.size()));
     } else {
         runPass(body, targets, {interval, certificateSwitch});
+        flushDeliveryStatus();
     }
     RF_EXIT();
 }

@@ -121,6 +121,7 @@ void sendHTTPPacketByCURL(const char* formData, const char* uri, const Json::Val
     RF_LOG(kLogInfo, "[%s():%d]isIgnoreCertificateErrors:%d", ignoreSwitch);
     postLocked(formData, uri, subscription, attempts, {interval, ignoreSwitch}, subscriptionId,
                failed);
+    flushDeliveryStatus(); // after the POST lock is released
     RF_EXIT();
 }
 

@@ -251,7 +251,6 @@ void record(const std::string& id, const char* destination, CURL* curl, CURLcode
         transition = update(entry, outcome, httpStatus, error);
     }
     sayTransition(transition, shown, id, httpStatus, error);
-    writeIfDue(false);
 }
 
 } // namespace

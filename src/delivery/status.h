@@ -14,13 +14,16 @@ namespace rfevent {
 // Records the end of one transfer to destination for the subscription named id: result is
 // libcurl's, the answer's status is read from curl. A 2xx answer is "delivered", any other
 // answer "refused", a transfer without an answer "failed". A destination that starts refusing
-// or failing, and one that accepts again, is said in one level-2 line. Writes the file when
-// the last write is a second old or more. An empty id records nothing. Never throws.
+// or failing, and one that accepts again, is said in one level-2 line. Does not write the
+// file: the POSTs flush once their transfers are done and their locks released. An empty id
+// records nothing. Never throws.
 void recordDeliveryOutcome(const std::string& id, const char* destination, CURL* curl,
                            CURLcode result) noexcept;
 
-// Writes a pending change when the last write is a second old or more. The re-send thread
-// calls it on every pass, so a change reaches the file without a further delivery.
+// Writes a pending change when the last write is a second old or more, outside every lock but
+// the table's own, which it holds only to copy the table. Called at the end of every POST
+// call, and by the re-send thread on every pass, so a change reaches the file within 3 s
+// even when no further delivery comes.
 void flushDeliveryStatus() noexcept;
 
 } // namespace rfevent
