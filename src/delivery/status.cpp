@@ -210,10 +210,10 @@ void writeIfDue(bool force) {
             (!force && now - status.lastWrite < kWriteSpacing)) {
             return;
         }
-        status.writing = true;
-        status.lastWrite = now;
         snapshot = status.entries;
         upTo = status.changes;
+        status.writing = true;
+        status.lastWrite = now;
     }
     std::set<std::string> stored;
     bool storeKnown = false;
@@ -222,8 +222,9 @@ void writeIfDue(bool force) {
         storeKnown = storedSubscriptionIds(stored);
         ok = replaceStatusFile(render(snapshot, storeKnown ? &stored : nullptr));
     } catch (...) {
-        finishWrite(status, false, nullptr, upTo);
-        throw;
+        // An allocation that failed half-way is a write that failed: said once, tried again.
+        ok = false;
+        storeKnown = false;
     }
     finishWrite(status, ok, storeKnown ? &stored : nullptr, upTo);
 }
