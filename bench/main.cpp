@@ -30,11 +30,8 @@ struct Case {
 };
 
 const Case kCases[] = {
-    {"alerts", runAlertCases},
-    {"reports", runReportCases},
-    {"sse", runSseCases},
-    {"database", runDatabaseCases},
-    {"instructions", runInstructionCases},
+    {"alerts", runAlertCases},        {"reports", runReportCases},      {"sse", runSseCases},
+    {"database", runDatabaseCases},   {"instructions", runInstructionCases},
     {"footprint", runFootprintCases},
 };
 
@@ -146,6 +143,13 @@ int main(int argc, char** argv) {
         table.print(stdout);
         std::printf("\nratio = plug-in cost / floor cost, measured in this run (1.00 = at the "
                     "floor)\n");
+        const int over = table.overBound();
+        if (over == 0) {
+            std::printf("every row is within its bound\n");
+        } else {
+            std::printf("%d row%s over %s bound\n", over, over == 1 ? "" : "s",
+                        over == 1 ? "its" : "their");
+        }
         RedfishEventPluginCleanup();
         removeSandbox(arguments.context);
         return 0;
