@@ -3,7 +3,7 @@
 //   rfevent-bench [--quick] [--only NAME[,NAME...]] [--armhf-plugin PATH] [--plugin PATH]
 //                 [--log-file PATH]
 //
-// NAME is one of alerts, reports, sse, database, instructions, footprint. Ratios are the
+// NAME is one of alerts, store, reports, sse, database, instructions, footprint. Ratios are the
 // plug-in's cost over the floor's, measured in the same run; absolute figures are for
 // reference only. The plug-in logs at the platform's default level (errors) to a file in the
 // run's sandbox, or to --log-file (e.g. /dev/null, to see what the log lines cost).
@@ -30,7 +30,8 @@ struct Case {
 };
 
 const Case kCases[] = {
-    {"alerts", runAlertCases},        {"reports", runReportCases},      {"sse", runSseCases},
+    {"alerts", runAlertCases},        {"store", runStoreCases},
+    {"reports", runReportCases},      {"sse", runSseCases},
     {"database", runDatabaseCases},   {"instructions", runInstructionCases},
     {"footprint", runFootprintCases},
 };
