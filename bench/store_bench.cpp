@@ -70,7 +70,7 @@ void bestAlert(const BestClient& best, const std::string& storePath,
 void runStoreCases(const Context& context, Table& table) {
     testkit::writeDeliveryAttributes(3, 5, "No");
     HttpsServer server(context.pki);
-    // Written without indentation: some 1 MB, as a store of that many subscriptions is.
+    // Written without indentation: 1.4 MB.
     const std::string storePath = fixedPath(FixedPath::SubscriptionStore);
     Json::StreamWriterBuilder writer;
     writer["indentation"] = "";
