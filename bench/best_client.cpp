@@ -55,7 +55,8 @@ void BestClient::postEach(const std::vector<std::pair<std::string, std::string>>
         const CURLcode result = curl_easy_perform(curl);
         curl_easy_cleanup(curl);
         if (result != CURLE_OK) {
-            throw std::runtime_error("best client POST to " + post.first + " failed");
+            throw std::runtime_error("best client POST to " + post.first +
+                                     " failed: " + curl_easy_strerror(result));
         }
     }
 }
@@ -76,18 +77,21 @@ void BestClient::postParallel(const std::vector<std::string>& urls, const std::s
             curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
         }
     }
-    bool failed = false;
+    CURLcode failure = CURLE_OK;
     int queued = 0;
     while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
-        failed = failed || (message->msg == CURLMSG_DONE && message->data.result != CURLE_OK);
+        if (message->msg == CURLMSG_DONE && message->data.result != CURLE_OK) {
+            failure = message->data.result;
+        }
     }
     for (CURL* curl : handles) {
         curl_multi_remove_handle(multi, curl);
         curl_easy_cleanup(curl);
     }
     curl_multi_cleanup(multi);
-    if (failed) {
-        throw std::runtime_error("best client multi pass: a transfer failed");
+    if (failure != CURLE_OK) {
+        throw std::runtime_error(std::string("best client multi pass: a transfer failed: ") +
+                                 curl_easy_strerror(failure));
     }
 }
 
