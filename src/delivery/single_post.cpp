@@ -70,6 +70,7 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts,
         RF_LOG(kLogError, "[%s():%d]curl_easy_perform failed %d time sleeping for%d seconds\n",
                count, interval);
         recordDeliveryOutcome(subscriptionId, uri, curl, rc);
+        flushDeliveryStatus(); // the pause below may outlast the status file's 3 s
         if (interval > 0) {
             ::sleep(static_cast<unsigned>(interval));
         }

@@ -226,6 +226,25 @@ TEST_F(DeliveryStatusTest, APendingChangeIsWrittenByTheFlushAlone) {
     EXPECT_EQ(info.st_mode & 07777, 0644u);
 }
 
+// The pause after a failed attempt holds the call for its whole length (the behaviour under
+// test): the failure is in the file before the call returns.
+TEST_F(DeliveryStatusTest, AFailureIsWrittenBeforeThePauseThatFollowsIt) {
+    tk::writeDeliveryAttributes(1, 8, "No");
+    Json::Value store(Json::objectValue);
+    store["s"] = alertSubscription(closedUrl());
+    tk::writeSubscriptionStore(store);
+    std::atomic<bool> returned{false};
+    std::thread post([&] {
+        bool failed = false;
+        sendHTTPPacketByCURL("{}", store["s"]["Destination"].asCString(),
+                             Json::Value(Json::objectValue), &failed, "s");
+        returned.store(true);
+    });
+    EXPECT_TRUE(tk::waitUntil([] { return tk::readDeliveryStatus()["s"]["Failed"].asInt() == 1; }));
+    EXPECT_FALSE(returned.load());
+    post.join();
+}
+
 TEST_F(DeliveryStatusTest, ConcurrentUpdatesAlwaysLeaveAParsableFile) {
     Json::Value store(Json::objectValue);
     for (int i = 0; i < 4; ++i) {
