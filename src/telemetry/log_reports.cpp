@@ -13,6 +13,7 @@
 
 #include <json/json.h>
 
+#include "base/durable_file.h"
 #include "base/file.h"
 #include "base/log.h"
 #include "base/paths.h"
@@ -264,12 +265,12 @@ int GetReportSequence(const char* path) {
 }
 
 int SetReportSequence(const char* path, int value) {
-    FILE* file = std::fopen(path, "we");
-    if (file == nullptr) {
+    // Replaced whole, so a crash or power cut never leaves an empty or half-written number.
+    const RewriteOutcome outcome = rewriteFileDurably(path, std::to_string(value), 0644);
+    if (!outcome.done()) {
+        RF_LOG(kLogError, "[%s():%d]Writing the report sequence %s failed", path);
         return 0;
     }
-    std::fprintf(file, "%d", value);
-    std::fclose(file);
     return 1;
 }
 

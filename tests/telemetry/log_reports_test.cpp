@@ -418,6 +418,28 @@ TEST_F(LogReportsSseTest, CpuRegisterReportStoresAndSends) {
     EXPECT_TRUE(receiver_.waitForPieces(2, kEventDeadline));
 }
 
+mode_t modeOf(const std::string& file) {
+    struct stat info = {};
+    EXPECT_EQ(0, stat(file.c_str(), &info)) << file;
+    return info.st_mode & 07777;
+}
+
+TEST_F(SerialLogTest, FilesTheReportsCreateGetTheirOwnModesWhateverTheUmask) {
+    writeFile(path(FixedPath::SerialLogCapture), "boot\n");
+    const mode_t saved = umask(0);
+    EXPECT_EQ(0, sendSerialLogToSSE());
+    EXPECT_EQ(0, sendCPURegisterReport("QUJD", "CPURegisters"));
+    umask(saved);
+    ASSERT_TRUE(receiver_.waitForPieces(4, kEventDeadline));
+    EXPECT_EQ(0644u, modeOf(path(FixedPath::SerialLogSequence)));
+    EXPECT_EQ(0644u, modeOf(path(FixedPath::CpuRegisterSequence)));
+    // Nothing else the reports leave behind is writable by others either.
+    for (FixedPath other :
+         {FixedPath::SerialLogReport, FixedPath::CpuRegisterReport, FixedPath::SerialLogLock}) {
+        EXPECT_EQ(0u, modeOf(path(other)) & 022) << path(other);
+    }
+}
+
 } // namespace
 
 // ---- Push subscribers ------------------------------------------------------------------------
