@@ -70,4 +70,21 @@ bool writeAll(int fd, const void* data, std::size_t length) {
     return true;
 }
 
+int readAll(int fd, std::string& text) {
+    constexpr std::size_t kStep = 4096;
+    for (;;) {
+        const std::size_t used = text.size();
+        text.resize(used + kStep);
+        const ssize_t count = ::read(fd, &text[used], kStep);
+        const int error = errno;
+        text.resize(used + static_cast<std::size_t>(count > 0 ? count : 0));
+        if (count == 0) {
+            return 0;
+        }
+        if (count < 0 && error != EINTR) {
+            return error;
+        }
+    }
+}
+
 } // namespace rfevent

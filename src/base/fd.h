@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <string>
 
 namespace rfevent {
 
@@ -42,6 +43,11 @@ ssize_t writeWithoutSigpipe(int fd, const void* data, std::size_t length);
 // Writes the whole buffer, continuing after short writes and interruptions; false on an error
 // (errno tells which).
 bool writeAll(int fd, const void* data, std::size_t length);
+
+// Appends everything left to read on fd to text, reading straight into the string (no buffer
+// on the caller's stack), continuing after interruptions; 0 at the end of the file, or the
+// errno of a failed read.
+int readAll(int fd, std::string& text);
 
 } // namespace rfevent
 

@@ -45,21 +45,11 @@ int readWhole(const char* path, std::string& text) {
     if (status.st_size > 0) {
         text.reserve(static_cast<std::size_t>(status.st_size));
     }
-    char buffer[4096];
-    for (;;) {
-        const ssize_t count = ::read(fd.get(), buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            text.clear();
-            return errno;
-        }
-        if (count == 0) {
-            return 0;
-        }
-        text.append(buffer, static_cast<std::size_t>(count));
+    const int error = readAll(fd.get(), text);
+    if (error != 0) {
+        text.clear();
     }
+    return error;
 }
 
 // Folds one file into the fingerprint: its read result, its length, its bytes.

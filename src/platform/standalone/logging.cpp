@@ -7,10 +7,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -62,22 +64,49 @@ LogSink& sink() {
     return *instance;
 }
 
+// A line is at most kLineBytes long, terminator included; longer ones are cut. Most lines fit
+// the small buffer on the caller's stack; a longer one is formatted again on the heap, so a
+// caller with a small stack never pays for the longest line.
+constexpr size_t kLineBytes = 8192;
+constexpr size_t kShortLineBytes = 512;
+
+// Formats "<level> [module] " and the message into line (of size bytes); the line's length as
+// snprintf counts it (possibly more than fits).
+size_t formatLine(char* line, size_t size, int level, int module, const char* format,
+                  va_list args) {
+    const int head = std::snprintf(line, size, "<%d> [%d] ", level, module);
+    const int body = std::vsnprintf(line + head, size - static_cast<size_t>(head), format, args);
+    return static_cast<size_t>(head) + static_cast<size_t>(body > 0 ? body : 0);
+}
+
 } // namespace
 
 extern "C" int orvaprintf(int level, int module, const char* format, ...) {
     if (format == nullptr || level > configuredLevel()) {
         return 0;
     }
-    char line[8192];
-    int head = std::snprintf(line, sizeof line, "<%d> [%d] ", level, module);
+    char shortLine[kShortLineBytes];
     va_list args;
     va_start(args, format);
-    int body = std::vsnprintf(line + head, sizeof line - static_cast<size_t>(head), format, args);
+    va_list again;
+    va_copy(again, args);
+    size_t length = formatLine(shortLine, sizeof shortLine, level, module, format, args);
     va_end(args);
-    size_t length = static_cast<size_t>(head);
-    if (body > 0) {
-        length += std::min(static_cast<size_t>(body), sizeof line - static_cast<size_t>(head) - 1);
+    char* line = shortLine;
+    size_t size = sizeof shortLine;
+    std::unique_ptr<char, decltype(&std::free)> longLine(nullptr, std::free);
+    if (length >= sizeof shortLine) {
+        size = std::min(length + 1, kLineBytes);
+        longLine.reset(static_cast<char*>(std::malloc(size)));
+        if (longLine != nullptr) {
+            line = longLine.get();
+            (void)formatLine(line, size, level, module, format, again);
+        } else {
+            size = sizeof shortLine; // no memory: the line is cut at the short buffer
+        }
     }
+    va_end(again);
+    length = std::min(length, size - 1);
     // Messages often carry their own trailing newline; keep exactly one.
     while (length > 0 && line[length - 1] == '\n') {
         --length;
