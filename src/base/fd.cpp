@@ -6,6 +6,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 namespace rfevent {
 
 UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
@@ -73,9 +75,10 @@ bool writeAll(int fd, const void* data, std::size_t length) {
 int readAll(int fd, std::string& text) {
     constexpr std::size_t kStep = 4096;
     for (;;) {
+        // Room reserved beforehand (a file's known size) is used before the string grows.
         const std::size_t used = text.size();
-        text.resize(used + kStep);
-        const ssize_t count = ::read(fd, &text[used], kStep);
+        text.resize(std::max(text.capacity(), used + kStep));
+        const ssize_t count = ::read(fd, &text[used], text.size() - used);
         const int error = errno;
         text.resize(used + static_cast<std::size_t>(count > 0 ? count : 0));
         if (count == 0) {
