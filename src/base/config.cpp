@@ -186,7 +186,7 @@ int GetHostName(std::string& out) {
     std::string buffer(1024, '\0');
     int rc = GetAttrObjByKey(kHostNameKey, &buffer[0], static_cast<uint32_t>(buffer.size()));
     if (rc == 0) {
-        out = buffer.c_str();
+        out = buffer.substr(0, buffer.find('\0')); // the text ends at its NUL
     } else {
         RF_LOG(kLogError, "[%s():%d]RJXE:GetAttrObjByKey FAILED for hostname attribute");
     }

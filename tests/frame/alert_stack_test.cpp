@@ -37,7 +37,7 @@ constexpr std::size_t kFrameScale = 1;
 constexpr std::size_t kAlertStackKiB = 16;
 
 // A guard far larger than any one frame, so an overflow faults instead of jumping the guard.
-constexpr std::size_t kGuardBytes = 256 * 1024;
+constexpr std::size_t kGuardBytes = std::size_t{256} * 1024;
 
 void* sendAlert(void* record) {
     int context = 0;
@@ -93,7 +93,7 @@ TEST_F(AlertStackTest, AnAlertWithATlsDeliveryRunsOnTheStackTheReadmeNames) {
 
 // The figure itself: the alert runs on a stack painted with a pattern, and the depth it
 // reached is printed and held to the same figure.
-constexpr std::size_t kPaintedBytes = 1024 * 1024;
+constexpr std::size_t kPaintedBytes = std::size_t{1024} * 1024;
 constexpr unsigned char kPaint = 0xA5;
 
 TEST_F(AlertStackTest, AnAlertWithATlsDeliveryReachesNoDeeperThanTheReadmeNames) {
