@@ -1,6 +1,7 @@
 #include "delivery/parallel_post.h"
 
 #include <curl/curl.h>
+#include <errno.h>
 #include <sys/select.h>
 
 #include <cstring>
@@ -122,7 +123,9 @@ bool runTransfers(CURLM* multi) {
             selected = select(maxFd + 1, &readSet, &writeSet, &errorSet, &wait);
         }
         if (selected == -1) {
-            RF_LOG(kLogError, "[%s():%d]select fd error");
+            if (errno != EINTR) { // a signal of the host only ends this wait early
+                RF_LOG(kLogError, "[%s():%d]select fd error");
+            }
             continue;
         }
         curl_multi_perform(multi, &stillRunning);

@@ -1,7 +1,6 @@
 #include "delivery/single_post.h"
 
 #include <curl/curl.h>
-#include <unistd.h>
 
 #include <memory>
 #include <mutex>
@@ -9,6 +8,7 @@
 
 #include "base/config.h"
 #include "base/log.h"
+#include "base/pause.h"
 #include "delivery/curl_options.h"
 #include "delivery/jxlog.h"
 #include "delivery/session_cache.h"
@@ -67,7 +67,7 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts,
         RF_LOG(kLogError, "[%s():%d]curl_easy_perform failed %d time sleeping for%d seconds\n",
                count, interval);
         if (interval > 0) {
-            ::sleep(static_cast<unsigned>(interval));
+            pauseSeconds(static_cast<unsigned>(interval));
         }
         if (count == attempts) {
             RF_LOG(kLogDebug, "[%s():%d]retried for %d times so write JX Log \n", count);
