@@ -8,6 +8,7 @@
 #include <string>
 
 #include "base/config.h"
+#include "base/fd.h"
 #include "base/log.h"
 #include "delivery/curl_options.h"
 
@@ -155,6 +156,8 @@ void collectResults(CURLM* multi, std::vector<DeliveryTarget*>& targets) {
 // One pass over at most 30 targets; every handle is released when it returns.
 void runPass(const char* body, std::vector<DeliveryTarget*>& targets,
              const rfevent::PostSettings& settings) {
+    // Released after the tables: their clean-up may still write to the connections.
+    const SigpipeBlocked noSigpipe;
     TransferTables tables;
     if (tables.multi == nullptr) {
         RF_LOG(kLogError, "[%s():%d]libcurl curl_multi_init failed");

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "base/config.h"
+#include "base/fd.h"
 #include "base/log.h"
 #include "base/pause.h"
 #include "delivery/curl_options.h"
@@ -85,6 +86,8 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts,
 void postLocked(const char* formData, const char* uri, const Json::Value& subscription,
                 int attempts, const rfevent::PostSettings& settings, bool* failed) {
     std::lock_guard<std::mutex> guard(postLock());
+    // Released after the handle: its clean-up may still write to the connection.
+    const SigpipeBlocked noSigpipe;
     if (formData == nullptr || uri == nullptr) {
         RF_LOG(kLogError, "[%s():%d]formData or URI is NULL:\n");
         return;
