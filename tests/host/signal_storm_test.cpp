@@ -32,12 +32,17 @@ bool exists(const char* path) {
     return ::stat(path, &info) == 0;
 }
 
-// Opens the pipe for writing, waiting for its reader; the storm interrupts this thread too.
+// Opens the pipe for writing once its reader has it open (a non-blocking open, which the storm
+// cannot interrupt), then makes the writes blocking.
 int openWriter(const char* path) {
     int fd = -1;
-    do {
-        fd = ::open(path, O_WRONLY | O_CLOEXEC);
-    } while (fd < 0 && errno == EINTR);
+    waitUntil([&] {
+        fd = ::open(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        return fd >= 0;
+    });
+    if (fd >= 0) {
+        ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    }
     return fd;
 }
 
