@@ -252,15 +252,14 @@ int readSequenceNumber(std::FILE* file, int& sequence) {
 } // namespace
 
 int GetReportSequence(const char* path) {
-    FILE* file = std::fopen(path, "re");
+    rfevent::UniqueFile file = rfevent::openForReading(path);
     if (file == nullptr) {
         return 1;
     }
     // A failed or partial read, or a number too large for an int, gives the first sequence, 1.
     int sequence = 1;
-    int scanned = readSequenceNumber(file, sequence);
+    int scanned = readSequenceNumber(file.get(), sequence);
     RF_LOG(kLogInfo, "[%s():%d]fscanf:%d seq:%d", scanned, sequence);
-    std::fclose(file);
     return sequence;
 }
 

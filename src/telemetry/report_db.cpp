@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/fd.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/sqlite.h"
@@ -25,6 +26,9 @@ constexpr std::size_t kTimeSize = 64;
 } // namespace
 
 int intialize_tdb(void) {
+    // SQLite opens its files itself, as the lowest free descriptors: never the host's standard
+    // streams.
+    rfevent::reserveStandardStreams();
     int status = sqlite3_open_v2(rfevent::fixedPath(rfevent::FixedPath::TelemetryDatabase),
                                  &g_telemetryDb, SQLITE_OPEN_READONLY, nullptr);
     if (status != SQLITE_OK) {

@@ -3,6 +3,7 @@
 // RFEVENT_LOG_FILE (appended) or to stderr, when their level is at most RFEVENT_LOG_LEVEL
 // (default 2, errors only; read once, at the first line).
 #include "platform/platform.h"
+#include "platform/standalone/data_dir.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -52,7 +53,8 @@ class LogSink {
                 ::close(fd_);
             }
             path_ = file;
-            fd_ = ::open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+            fd_ = rfevent::platform::keptAboveStandardStreams(
+                ::open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
         }
         if (fd_ >= 0) {
             (void)!::write(fd_, line, length);
