@@ -27,7 +27,7 @@ time32_imports() {
     arm-linux-gnueabihf-nm -D --undefined-only "$1" | awk '{print $2}' | grep '@GLIBC_' |
         sed 's/@.*//' | sort -u | while read -r symbol; do
         base=${symbol%_r}
-        case " fseek ftell " in *" $symbol "*) echo "$symbol"; continue ;; esac
+        case $symbol in fseek | ftell) echo "$symbol (offsets are a long)"; continue ;; esac
         for twin in "${symbol}64" "__${symbol}64" "__${symbol}_time64" "__${symbol}64_time64" \
             "__${symbol%64}_time64" "__${base}64_r" "${base}64_r"; do
             if [ "$twin" != "$symbol" ] && grep -qx -- "$twin" <<<"$twins"; then
