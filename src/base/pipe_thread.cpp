@@ -50,9 +50,12 @@ UniqueFd openPipe(const PipeThread& pipe) {
 }
 
 ssize_t readPipeOnce(const PipeThread& pipe, int fd) {
+    // A constant spot: only the guard's failure path reads it, from memory, so that no register
+    // is kept for it around every read's handling.
+    static constexpr SourceSpot kSpot = RF_HERE;
     ssize_t count = ::read(fd, pipe.buffer, pipe.readSize);
     if (count >= 0) {
-        guarded(RF_HERE, "Pipe read dropped", [&] { pipe.handleRead(pipe.buffer, count); });
+        guarded(kSpot, "Pipe read dropped", [&] { pipe.handleRead(pipe.buffer, count); });
     }
     return count;
 }
