@@ -13,6 +13,7 @@
 
 #include <json/json.h>
 
+#include "base/clock.h"
 #include "base/durable_file.h"
 #include "base/file.h"
 #include "base/log.h"
@@ -25,14 +26,6 @@ namespace rfevent {
 
 std::atomic<int> serialLogSequence{0};
 std::atomic<int> cpuRegisterSequence{0};
-
-namespace {
-int systemClock(struct timeval* now) {
-    return gettimeofday(now, nullptr);
-}
-} // namespace
-
-ReportClock g_reportClock = systemClock;
 
 namespace {
 
@@ -56,7 +49,7 @@ bool isType(const char* type, const char* name) {
 // "2024-05-01T13:45:10.123Z"; the three digits are the microseconds modulo 1000.
 Json::Value reportTimestamp() {
     struct timeval now = {};
-    if (g_reportClock(&now) != 0) {
+    if (readWallClock(&now) != 0) {
         RF_LOG(kLogInfo, "[%s():%d]fetching time failed,setting timestamp to NULL");
         return Json::Value(Json::nullValue);
     }

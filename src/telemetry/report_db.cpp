@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/clock.h"
 #include "base/fd.h"
 #include "base/log.h"
 #include "base/paths.h"
@@ -121,7 +122,7 @@ void addColonToZoneOffset(char* text) {
 void sqlGetISODateTime(sqlite3_context* context, int argc, sqlite3_value** argv) {
     (void)argc;
     (void)argv;
-    std::time_t now = std::time(nullptr);
+    std::time_t now = wallClockSeconds();
     struct tm local = {};
     localtime_r(&now, &local);
     char formatted[kTimeSize] = {};
