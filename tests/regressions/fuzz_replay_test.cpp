@@ -26,7 +26,9 @@ namespace {
 namespace fs = std::filesystem;
 using Entry = int (*)(const uint8_t*, std::size_t);
 
-const fs::path kHere = fs::path(__FILE__).parent_path();
+// From the build's own record of the source tree: __FILE__ may be relative (a compiler
+// launcher that rewrites paths makes it so), and the tests run from the build folder.
+const fs::path kHere = fs::path(RFEVENT_TESTS_DIR) / "regressions";
 
 std::vector<fs::path> inputsOf(const std::string& target) {
     std::vector<fs::path> files;
