@@ -21,7 +21,7 @@ for rate in ${RFEVENT_ALLOCFAIL_RATES:-300 1000 3000}; do
     for seed in ${RFEVENT_ALLOCFAIL_SEEDS:-1 2}; do
         echo "== one allocation in $rate fails, seed $seed"
         status=0
-        LD_PRELOAD=$shim timeout 150 "$host" "$plugin" "$rate" "$seed" || status=$?
+        LD_PRELOAD=$shim timeout 60 "$host" "$plugin" "$rate" "$seed" || status=$?
         if [ "$status" -ne 0 ]; then
             echo "allocation-failure run (1 in $rate, seed $seed) failed with status $status"
             failed=1
