@@ -11,6 +11,8 @@ namespace rfevent::bench {
 
 // Alerts to 1, 10 and 30 push subscribers over HTTPS with mutual TLS, checking off and on.
 void runAlertCases(const Context& context, Table& table);
+// An alert with a store of 5,000 subscriptions of which 10 take alerts, against the best client.
+void runStoreCases(const Context& context, Table& table);
 // Metric reports: 30 destinations in one pass, one slow destination, 100 and 300.
 void runReportCases(const Context& context, Table& table);
 // SSE report messages of 1 KiB, 64 KiB and 1 MiB over the SSE socket.

@@ -98,7 +98,7 @@ void runDatabaseCases(const Context& context, Table& table) {
         [&] { expectReport(plainLookup(path, names[floorNext++ % names.size()].c_str())); },
         context.schedule(9, 200));
     table.add({"report lookup in a database of 10,000 reports", result.plugin, result.floor,
-               Unit::Seconds});
+               Unit::Seconds, true, kProtocolBound});
 }
 
 } // namespace rfevent::bench

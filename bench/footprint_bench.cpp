@@ -111,7 +111,7 @@ void sizes(const Context& context, Table& table) {
     }
     table.add({"stripped size of the plug-in, armhf",
                strippedSize("arm-linux-gnueabihf-strip", context.armhfPlugin, scratch), 0,
-               Unit::Bytes, false});
+               Unit::Bytes, false, kArmhfSizeBound});
 }
 
 void residentMemory(const Context& context, Table& table) {
@@ -134,7 +134,7 @@ void residentMemory(const Context& context, Table& table) {
         throw std::runtime_error("resident memory child failed");
     }
     table.add({"resident memory after 100,000 alerts vs after 1,000", values.at("rss_all") * 1024,
-               values.at("rss_first") * 1024, Unit::Bytes});
+               values.at("rss_first") * 1024, Unit::Bytes, true, kFlatBound});
     testkit::removeFile(testkit::rooted("/var/run/lumenrest/sse_subscriptions.json"));
 }
 
@@ -145,7 +145,7 @@ void threads(const Context& context, Table& table) {
         throw std::runtime_error("thread count child failed");
     }
     table.add({"threads added by Redfish_telemetry_init vs the thread table",
-               values.at("threads_added"), kWorkerThreads, Unit::Count});
+               values.at("threads_added"), kWorkerThreads, Unit::Count, true, 1.0});
 }
 
 } // namespace

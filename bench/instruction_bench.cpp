@@ -294,7 +294,7 @@ void runInstructionCases(const Context& context, Table& table) {
     const double parsePlugin = underCallgrind(context, "parse-plugin");
     const double parseFloor = underCallgrind(context, "parse-floor");
     table.add({"pipe announcement read and parsed (callgrind)", parsePlugin / kAnnouncements,
-               parseFloor / kAnnouncements, Unit::Instructions});
+               parseFloor / kAnnouncements, Unit::Instructions, true, kInstructionBound});
 
     // The same loops natively, for the rate.
     const std::vector<std::string> list = announcements();
@@ -302,18 +302,18 @@ void runInstructionCases(const Context& context, Table& table) {
         compareAlternating([&] { parseWithPlugin(list, false); },
                            [&] { parseWithFloor(list, false); }, context.schedule(7, 1));
     table.add({"pipe announcements parsed per second", kAnnouncements / rate.plugin,
-               kAnnouncements / rate.floor, Unit::PerSecond});
+               kAnnouncements / rate.floor, Unit::PerSecond, true, kInstructionBound});
 
     const double composePlugin = underCallgrind(context, "compose-plugin");
     const double composeFloor = underCallgrind(context, "compose-floor");
     table.add({"event document composed, no network (callgrind)", composePlugin / kDocuments,
-               composeFloor / kDocuments, Unit::Instructions});
+               composeFloor / kDocuments, Unit::Instructions, true, kInstructionBound});
     // Most of the above is the platform's configuration read of the host name, the same on
     // both sides; without it the composition itself shows.
     const double ownPlugin = underCallgrind(context, "compose-plugin", "client_get_obj_by_key");
     const double ownFloor = underCallgrind(context, "compose-floor", "client_get_obj_by_key");
     table.add({"event document composed, configuration read left out", ownPlugin / kDocuments,
-               ownFloor / kDocuments, Unit::Instructions});
+               ownFloor / kDocuments, Unit::Instructions, true, kInstructionBound});
 }
 
 } // namespace rfevent::bench

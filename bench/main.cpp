@@ -3,7 +3,7 @@
 //   rfevent-bench [--quick] [--only NAME[,NAME...]] [--armhf-plugin PATH] [--plugin PATH]
 //                 [--log-file PATH]
 //
-// NAME is one of alerts, reports, sse, database, instructions, footprint. Ratios are the
+// NAME is one of alerts, store, reports, sse, database, instructions, footprint. Ratios are the
 // plug-in's cost over the floor's, measured in the same run; absolute figures are for
 // reference only. The plug-in logs at the platform's default level (errors) to a file in the
 // run's sandbox, or to --log-file (e.g. /dev/null, to see what the log lines cost).
@@ -30,11 +30,9 @@ struct Case {
 };
 
 const Case kCases[] = {
-    {"alerts", runAlertCases},
-    {"reports", runReportCases},
-    {"sse", runSseCases},
-    {"database", runDatabaseCases},
-    {"instructions", runInstructionCases},
+    {"alerts", runAlertCases},        {"store", runStoreCases},
+    {"reports", runReportCases},      {"sse", runSseCases},
+    {"database", runDatabaseCases},   {"instructions", runInstructionCases},
     {"footprint", runFootprintCases},
 };
 
@@ -146,6 +144,13 @@ int main(int argc, char** argv) {
         table.print(stdout);
         std::printf("\nratio = plug-in cost / floor cost, measured in this run (1.00 = at the "
                     "floor)\n");
+        const int over = table.overBound();
+        if (over == 0) {
+            std::printf("every row is within its bound\n");
+        } else {
+            std::printf("%d row%s over %s bound\n", over, over == 1 ? "" : "s",
+                        over == 1 ? "its" : "their");
+        }
         RedfishEventPluginCleanup();
         removeSandbox(arguments.context);
         return 0;

@@ -58,23 +58,37 @@ double secondsSince(double start) {
     return nowSeconds() - start;
 }
 
-Costs compareCosts(const std::function<void()>& plugin, const std::function<void()>& floor,
-                   Schedule schedule) {
-    plugin();
-    floor();
-    Samples pluginTimes;
-    Samples floorTimes;
+std::vector<Costs> compareCostsWithEach(const std::function<void()>& plugin,
+                                        const std::vector<std::function<void()>>& floors,
+                                        Schedule schedule) {
+    // Side 0 is the plug-in, side i + 1 the floor i.
+    std::vector<const std::function<void()>*> sides = {&plugin};
+    for (const std::function<void()>& floor : floors) {
+        sides.push_back(&floor);
+    }
+    for (const std::function<void()>* side : sides) {
+        (*side)();
+    }
+    std::vector<Samples> times(sides.size());
     for (int round = 0; round < schedule.rounds; ++round) {
-        if (round % 2 == 0) {
-            pluginTimes.add(timePerOperation(plugin, schedule.perRound));
-            floorTimes.add(timePerOperation(floor, schedule.perRound));
-        } else {
-            floorTimes.add(timePerOperation(floor, schedule.perRound));
-            pluginTimes.add(timePerOperation(plugin, schedule.perRound));
+        for (std::size_t turn = 0; turn < sides.size(); ++turn) {
+            const std::size_t side = (turn + static_cast<std::size_t>(round)) % sides.size();
+            times[side].add(timePerOperation(*sides[side], schedule.perRound));
         }
     }
-    return {{median(pluginTimes.wall), median(floorTimes.wall)},
-            {median(pluginTimes.cpu), median(floorTimes.cpu)}};
+    std::vector<Costs> costs;
+    const double pluginWall = median(times[0].wall);
+    const double pluginCpu = median(times[0].cpu);
+    for (std::size_t side = 1; side < sides.size(); ++side) {
+        costs.push_back(
+            {{pluginWall, median(times[side].wall)}, {pluginCpu, median(times[side].cpu)}});
+    }
+    return costs;
+}
+
+Costs compareCosts(const std::function<void()>& plugin, const std::function<void()>& floor,
+                   Schedule schedule) {
+    return compareCostsWithEach(plugin, {floor}, schedule).front();
 }
 
 Comparison compareAlternating(const std::function<void()>& plugin,

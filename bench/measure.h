@@ -4,6 +4,7 @@
 #define RFEVENT_BENCH_MEASURE_H
 
 #include <functional>
+#include <vector>
 
 namespace rfevent::bench {
 
@@ -30,6 +31,13 @@ struct Costs {
 };
 Costs compareCosts(const std::function<void()>& plugin, const std::function<void()>& floor,
                    Schedule schedule);
+
+// The plug-in against several floors: each round times the plug-in and every floor, the side
+// that goes first rotating from round to round. One Costs per floor, with the same plug-in
+// figures in each.
+std::vector<Costs> compareCostsWithEach(const std::function<void()>& plugin,
+                                        const std::vector<std::function<void()>>& floors,
+                                        Schedule schedule);
 
 // Seconds per operation of one side alone, median over the rounds.
 double medianSeconds(const std::function<void()>& operation, Schedule schedule);

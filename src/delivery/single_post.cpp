@@ -1,14 +1,15 @@
 #include "delivery/single_post.h"
 
 #include <curl/curl.h>
-#include <unistd.h>
 
 #include <memory>
 #include <mutex>
 #include <string>
 
 #include "base/config.h"
+#include "base/fd.h"
 #include "base/log.h"
+#include "base/pause.h"
 #include "delivery/curl_options.h"
 #include "delivery/jxlog.h"
 #include "delivery/session_cache.h"
@@ -67,7 +68,7 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts,
         RF_LOG(kLogError, "[%s():%d]curl_easy_perform failed %d time sleeping for%d seconds\n",
                count, interval);
         if (interval > 0) {
-            ::sleep(static_cast<unsigned>(interval));
+            pauseSeconds(static_cast<unsigned>(interval));
         }
         if (count == attempts) {
             RF_LOG(kLogDebug, "[%s():%d]retried for %d times so write JX Log \n", count);
@@ -85,6 +86,8 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts,
 void postLocked(const char* formData, const char* uri, const Json::Value& subscription,
                 int attempts, const rfevent::PostSettings& settings, bool* failed) {
     std::lock_guard<std::mutex> guard(postLock());
+    // Released after the handle: its clean-up may still write to the connection.
+    const SigpipeBlocked noSigpipe;
     if (formData == nullptr || uri == nullptr) {
         RF_LOG(kLogError, "[%s():%d]formData or URI is NULL:\n");
         return;

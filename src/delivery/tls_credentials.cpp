@@ -300,4 +300,13 @@ CURLcode TlsCredentials::install(void* sslContext) const {
     return result;
 }
 
+CURLcode prepareTlsContext(CURL* curl, void* sslContext, void* credentials) {
+    (void)curl;
+    SSL_CTX_set_keylog_callback(static_cast<SSL_CTX*>(sslContext), nullptr);
+    if (credentials == nullptr) {
+        return CURLE_OK;
+    }
+    return static_cast<const TlsCredentials*>(credentials)->install(sslContext);
+}
+
 } // namespace rfevent

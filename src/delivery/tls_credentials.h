@@ -54,6 +54,12 @@ class TlsCredentials {
     Parsed* parsed_;
 };
 
+// libcurl's callback for every TLS context it makes for a POST (credentials: the parsed
+// TlsCredentials to install, or null when the transfer loads the files itself). It first
+// removes the key-log callback libcurl installs when SSLKEYLOGFILE is in the environment: no
+// secret of the plug-in's connections is ever written out.
+CURLcode prepareTlsContext(CURL* curl, void* sslContext, void* credentials);
+
 } // namespace rfevent
 
 #endif

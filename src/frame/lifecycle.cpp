@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 #include <dlfcn.h>
 
+#include "base/fd.h"
 #include "base/guard.h"
 #include "base/log.h"
 #include "delivery/session_cache.h"
@@ -96,6 +97,9 @@ extern "C" {
 
 RFEVENT_API void RedfishEventPluginInit(void) {
     RF_ENTER();
+    // libcurl's initialisation may open a file of its own (the key log): never as a standard
+    // stream of a host that closed them.
+    rfevent::reserveStandardStreams();
     if (curl_global_init(CURL_GLOBAL_ALL) != 0) { // SSL and Win32 initialisation, value 3
         RF_LOG(rfevent::kLogError, "[%s():%d]curl_global_init failed");
     } else {

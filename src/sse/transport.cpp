@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include "base/log.h"
 #include "base/mutex_lock.h"
 #include "base/paths.h"
+#include "base/pause.h"
 
 namespace rfevent {
 
@@ -52,25 +54,51 @@ constexpr int kTimeoutSeconds = 2;
 // library ends the process when that allocation fails).
 enum class PieceResult { Sent, Failed, NotAccepted };
 
+// Waits until a connect that a signal interrupted has finished, at most until deadline; 0 or the
+// errno of the failure. The kernel goes on connecting after the interruption: the outcome is
+// read from the socket once it turns writable.
+int finishInterruptedConnect(int fd, const timespec& deadline) {
+    pollfd entry = {fd, POLLOUT, 0};
+    int ready = 0;
+    do {
+        ready = poll(&entry, 1, millisecondsUntil(deadline));
+    } while (ready < 0 && errno == EINTR);
+    if (ready <= 0) {
+        return ready == 0 ? ETIMEDOUT : errno;
+    }
+    int error = 0;
+    socklen_t length = sizeof error;
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
+        return errno;
+    }
+    return error;
+}
+
 // Connects fd to address; 0 or the errno of the failure. The socket's send time-out bounds
 // the connect as well (a connect it cuts short is reported as timed out), and then every send.
 int connectBounded(int fd, const addrinfo* address) {
+    const timespec deadline = deadlineAfterMilliseconds(kTimeoutSeconds * 1000L);
     const timeval limit = {kTimeoutSeconds, 0};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     if (connect(fd, address->ai_addr, address->ai_addrlen) == 0) {
         return 0;
     }
+    if (errno == EINTR) {
+        return finishInterruptedConnect(fd, deadline);
+    }
     return errno == EINPROGRESS ? ETIMEDOUT : errno;
 }
 
-// One send of the whole text, repeated only when interrupted before anything went out.
+// One send of the whole text, repeated when a signal interrupted it before anything went out,
+// as long as the send time-out has not passed since the first try.
 ssize_t sendOnce(int fd, const char* msg, std::size_t length) {
+    const timespec deadline = deadlineAfterMilliseconds(kTimeoutSeconds * 1000L);
     ssize_t sent = 0;
     do {
         // MSG_NOSIGNAL: a peer that already closed its end gives EPIPE here, not a SIGPIPE
         // that would end the whole host process.
         sent = send(fd, msg, length, MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
+    } while (sent < 0 && errno == EINTR && millisecondsUntil(deadline) > 0);
     return sent;
 }
 

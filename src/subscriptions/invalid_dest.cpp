@@ -1,7 +1,5 @@
 #include "subscriptions/invalid_dest.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -10,6 +8,7 @@
 #include "base/json.h"
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/pause.h"
 #include "base/run_flags.h"
 #include "delivery/single_post.h"
 #include "delivery/target.h"
@@ -193,7 +192,7 @@ bool probeInvalidDestinationsOnce() {
 void* InvalidDestHandlingThread1(void* unused) {
     (void)unused;
     for (;;) {
-        sleep(rfevent::kDrainPeriodSeconds);
+        rfevent::pauseSeconds(rfevent::kDrainPeriodSeconds);
         if (rfevent::queuedRecordCount() == 0) {
             continue;
         }
@@ -212,7 +211,7 @@ void* InvalidDestHandlingThread2(void* unused) {
         if (end) {
             return nullptr;
         }
-        sleep(rfevent::kProbePeriodSeconds);
+        rfevent::pauseSeconds(rfevent::kProbePeriodSeconds);
     }
 }
 
