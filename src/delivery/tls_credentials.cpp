@@ -1,9 +1,14 @@
 #include "delivery/tls_credentials.h"
 
 #include <fcntl.h>
+#include <openssl/decoder.h>
+#include <openssl/encoder.h>
 #include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/kdf.h>
 #include <openssl/opensslv.h>
 #include <openssl/pem.h>
+#include <openssl/rand.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
@@ -171,6 +176,58 @@ CredentialFiles readCredentialFiles() {
     hash = foldFile(hash, fixedPath(FixedPath::ClientKey), files.key);
     files.fingerprint = foldFile(hash, fixedPath(FixedPath::ServerCaBundle), files.caBundle);
     return files;
+}
+
+namespace {
+
+// Fetches every algorithm of every kind a handshake and the credentials' parsing use, so the
+// library records them all now: a kind whose first fetch fails half-way may stay incomplete.
+void fetchEveryAlgorithm() {
+    EVP_CIPHER_do_all_provided(
+        nullptr, [](EVP_CIPHER*, void*) {}, nullptr);
+    EVP_MD_do_all_provided(
+        nullptr, [](EVP_MD*, void*) {}, nullptr);
+    EVP_MAC_do_all_provided(
+        nullptr, [](EVP_MAC*, void*) {}, nullptr);
+    EVP_KDF_do_all_provided(
+        nullptr, [](EVP_KDF*, void*) {}, nullptr);
+    EVP_RAND_do_all_provided(
+        nullptr, [](EVP_RAND*, void*) {}, nullptr);
+    EVP_KEYMGMT_do_all_provided(
+        nullptr, [](EVP_KEYMGMT*, void*) {}, nullptr);
+    EVP_KEYEXCH_do_all_provided(
+        nullptr, [](EVP_KEYEXCH*, void*) {}, nullptr);
+    EVP_SIGNATURE_do_all_provided(
+        nullptr, [](EVP_SIGNATURE*, void*) {}, nullptr);
+    EVP_ASYM_CIPHER_do_all_provided(
+        nullptr, [](EVP_ASYM_CIPHER*, void*) {}, nullptr);
+    EVP_KEM_do_all_provided(
+        nullptr, [](EVP_KEM*, void*) {}, nullptr);
+    OSSL_DECODER_do_all_provided(
+        nullptr, [](OSSL_DECODER*, void*) {}, nullptr);
+    OSSL_ENCODER_do_all_provided(
+        nullptr, [](OSSL_ENCODER*, void*) {}, nullptr);
+}
+
+} // namespace
+
+bool prepareTlsLibrary() {
+    const uint64_t parts = OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS |
+                           OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS;
+    bool ready = OPENSSL_init_ssl(parts, nullptr) == 1;
+    if (ready) {
+        fetchEveryAlgorithm();
+    }
+    // A client context and one connection object set up what every handshake uses; a few
+    // random bytes start the generator's instances.
+    SSL_CTX* context = ready ? SSL_CTX_new(TLS_client_method()) : nullptr;
+    SSL* connection = context != nullptr ? SSL_new(context) : nullptr;
+    unsigned char random[16];
+    ready = connection != nullptr && RAND_bytes(random, sizeof random) == 1;
+    SSL_free(connection);
+    SSL_CTX_free(context);
+    ERR_clear_error();
+    return ready;
 }
 
 #define RFEVENT_TEXT_OF(value) #value

@@ -21,6 +21,12 @@ struct CredentialFiles {
 
 CredentialFiles readCredentialFiles();
 
+// Does the TLS library's one-time set-up (its error texts, algorithms and random generator, as
+// the first TLS context and handshake would) at load, while allocations still succeed: a set-up
+// that fails half-way under an allocation failure stays broken for the life of the process.
+// False (nothing to undo) when some part of it failed.
+bool prepareTlsLibrary();
+
 // True when libcurl hands its connections' TLS contexts to the TLS library this plug-in was
 // built with, so that parsed credentials can be put into them.
 bool tlsLibraryIsOurs();

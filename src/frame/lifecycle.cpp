@@ -7,6 +7,7 @@
 #include "base/guard.h"
 #include "base/log.h"
 #include "delivery/session_cache.h"
+#include "delivery/tls_credentials.h"
 #include "rfevent/redfish_event.h"
 #include "subscriptions/invalid_dest.h"
 #include "telemetry/notify_thread.h"
@@ -103,6 +104,9 @@ RFEVENT_API void RedfishEventPluginInit(void) {
         RF_LOG(rfevent::kLogError, "[%s():%d]curl_global_init failed");
     } else {
         RF_LOG(rfevent::kLogDebug, "[%s():%d]curl_global_init Success");
+        if (!rfevent::prepareTlsLibrary()) {
+            RF_LOG(rfevent::kLogError, "[%s():%d]TLS library set-up failed");
+        }
         rfevent::createSessionCache();
     }
     RF_EXIT();

@@ -49,9 +49,10 @@ void renderPeer(const addrinfo* entry, char* out, socklen_t outSize) {
 // minutes the kernel would keep trying.
 constexpr int kTimeoutSeconds = 2;
 
-// How the last piece sent on this thread fared.
+// How a piece fared. The senders of a message's pieces are handed it back: the plug-in keeps
+// no thread-local state (a loaded library's is allocated at a thread's first use, and the C
+// library ends the process when that allocation fails).
 enum class PieceResult { Sent, Failed, NotAccepted };
-thread_local PieceResult t_lastPiece = PieceResult::Sent;
 
 // Waits until a connect that a signal interrupted has finished, at most until deadline; 0 or the
 // errno of the failure. The kernel goes on connecting after the interruption: the outcome is
@@ -207,13 +208,22 @@ PieceResult sendOverFreshConnection(std::string_view msg) {
 
 // After a piece the stream server did not accept in time the rest of the message is dropped:
 // every further piece would wait as long again.
-bool serverStoppedAccepting() {
-    if (t_lastPiece != PieceResult::NotAccepted) {
+bool serverStoppedAccepting(PieceResult lastPiece) {
+    if (lastPiece != PieceResult::NotAccepted) {
         return false;
     }
     RF_LOG(kLogError, "[%s():%d]SSE stream server accepts no connection; rest of the message "
                       "dropped");
     return true;
+}
+
+// send_to_sock_sse for the senders of a message's pieces: the same entry line and steps, and
+// how the piece fared.
+struct WithOutcome {};
+PieceResult send_to_sock_sse(const char* msg, WithOutcome /*unused*/) {
+    RF_ENTER();
+    MutexLock lock(sse_send_mutex);
+    return sendOverFreshConnection(msg);
 }
 
 } // namespace
@@ -228,9 +238,8 @@ void sendReportMessage(const std::string& message) {
         sse_chunk_send(message.c_str());
         return;
     }
-    send_to_sock_sse(message.c_str());
-    if (!serverStoppedAccepting()) {
-        send_to_sock_sse((messagePrefix(message) + "<END>").c_str());
+    if (!serverStoppedAccepting(send_to_sock_sse(message.c_str(), WithOutcome{}))) {
+        send_to_sock_sse((messagePrefix(message) + "<END>").c_str(), WithOutcome{});
     }
 }
 
@@ -259,9 +268,7 @@ int send_to_sse(const char* msg) {
 }
 
 int send_to_sock_sse(const char* msg) {
-    RF_ENTER();
-    MutexLock lock(sse_send_mutex);
-    t_lastPiece = sendOverFreshConnection(msg);
+    send_to_sock_sse(msg, WithOutcome{});
     return 0;
 }
 
@@ -288,12 +295,11 @@ int sse_chunk_send(const char* msg) {
             finished = true;
         }
         RF_LOG(kLogDebug, "[%s():%d]str:%s", chunk.c_str());
-        send_to_sock_sse(chunk.c_str());
-        if (serverStoppedAccepting()) {
+        if (serverStoppedAccepting(send_to_sock_sse(chunk.c_str(), WithOutcome{}))) {
             return 0;
         }
     }
-    send_to_sock_sse((prefix + "<END>").c_str());
+    send_to_sock_sse((prefix + "<END>").c_str(), WithOutcome{});
     return 0;
 }
 

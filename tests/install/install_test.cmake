@@ -93,6 +93,19 @@ if(READELF)
                                 "${output}")
         endif()
     endif()
+    # No thread-local storage of their own: a loaded library's is allocated at a thread's first
+    # use, and the C library ends the whole process when that allocation fails.
+    set(loaded ${prefix_runtime}/${LIBDIR}/libredfishevent.so)
+    if(PLATFORM_VERSION)
+        list(APPEND loaded ${prefix_runtime}/${LIBDIR}/librfevent-platform.so.${PLATFORM_VERSION})
+    endif()
+    foreach(library ${loaded})
+        run(${READELF} -lW ${library})
+        if(output MATCHES "\n *TLS ")
+            message(FATAL_ERROR "${library} has thread-local storage (a TLS segment):\n"
+                                "${output}")
+        endif()
+    endforeach()
 endif()
 
 # 3. pkg-config only: the dev prefix alone, nothing of this build's include paths.

@@ -17,7 +17,6 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <string>
 
 namespace {
 
@@ -48,11 +47,13 @@ class LogSink {
             return;
         }
         std::lock_guard<std::mutex> lock(mutex_);
-        if (fd_ < 0 || path_ != file) {
+        if (fd_ < 0 || std::strncmp(path_, file, sizeof path_) != 0) {
             if (fd_ >= 0) {
                 ::close(fd_);
             }
-            path_ = file;
+            // Kept in place: writing a line never allocates, so a line about an allocation
+            // failure still gets written.
+            std::strncpy(path_, file, sizeof path_ - 1);
             fd_ = rfevent::platform::keptAboveStandardStreams(
                 ::open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
         }
@@ -63,7 +64,7 @@ class LogSink {
 
   private:
     std::mutex mutex_;
-    std::string path_;
+    char path_[4096] = {};
     int fd_ = -1;
 };
 
