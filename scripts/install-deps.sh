@@ -11,8 +11,8 @@ packages=(
     nginx-light # tests/interop: a real front server with client-certificate checking
 )
 # Extra groups, asked for by name: "lint", "fuzz", "armhf", "valgrind", "load" (the load
-# generator of the loaded gates). "armhf" also lays out a sysroot with the target's libraries
-# (see make_armhf_sysroot below).
+# generator of the loaded gates), "abi" (the binary-interface dump and comparison). "armhf"
+# also lays out a sysroot with the target's libraries (see make_armhf_sysroot below).
 for group in "$@"; do
     case "$group" in
     lint) packages+=(clang-format clang-tidy cppcheck) ;;
@@ -20,6 +20,7 @@ for group in "$@"; do
     armhf) packages+=(g++-arm-linux-gnueabihf qemu-user dpkg-dev googletest) ;;
     valgrind) packages+=(valgrind) ;;
     load) packages+=(stress-ng) ;;
+    abi) packages+=(abigail-tools) ;;
     *) echo "unknown package group: $group" >&2; exit 2 ;;
     esac
 done

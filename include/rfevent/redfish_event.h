@@ -6,6 +6,7 @@
 #ifndef RFEVENT_REDFISH_EVENT_H
 #define RFEVENT_REDFISH_EVENT_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #if defined(RFEVENT_BUILDING_LIBRARY)
@@ -36,6 +37,30 @@ typedef struct DataEventHeader {
     uint8_t reserved56[12];     // 56-67
     int32_t memberId;           // 68-71: 0 = absent
 } DataEventHeader;
+
+// The layout is the platform's: a host's compiler and the plug-in's check it alike. Before
+// C11 the check is an array declaration whose size is negative when the condition fails.
+#if defined(__cplusplus)
+#define RFEVENT_LAYOUT(condition) static_assert(condition, "DataEventHeader layout: " #condition)
+#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
+#define RFEVENT_LAYOUT(condition) _Static_assert(condition, "DataEventHeader layout: " #condition)
+#else
+#define RFEVENT_LAYOUT(condition) extern char rfevent_layout_check[(condition) ? 1 : -1]
+#endif
+RFEVENT_LAYOUT(sizeof(DataEventHeader) == 72);
+RFEVENT_LAYOUT(offsetof(DataEventHeader, platformHeader) == 0);
+RFEVENT_LAYOUT(offsetof(DataEventHeader, eventId) == 16);
+RFEVENT_LAYOUT(offsetof(DataEventHeader, reserved20) == 20);
+RFEVENT_LAYOUT(offsetof(DataEventHeader, severity) == 22);
+RFEVENT_LAYOUT(offsetof(DataEventHeader, reserved24) == 24);
+RFEVENT_LAYOUT(offsetof(DataEventHeader, messageIdOffset) == 28);
+RFEVENT_LAYOUT(offsetof(DataEventHeader, messageOffset) == 32);
+RFEVENT_LAYOUT(offsetof(DataEventHeader, fqddOffset) == 36);
+RFEVENT_LAYOUT(offsetof(DataEventHeader, reserved40) == 40);
+RFEVENT_LAYOUT(offsetof(DataEventHeader, messageArgsOffset) == 52);
+RFEVENT_LAYOUT(offsetof(DataEventHeader, reserved56) == 56);
+RFEVENT_LAYOUT(offsetof(DataEventHeader, memberId) == 68);
+#undef RFEVENT_LAYOUT
 
 // Runs at load (registered as a constructor); initialises libcurl.
 RFEVENT_API void RedfishEventPluginInit(void);

@@ -182,10 +182,11 @@ int stringToIntConversion(const char* inputString) {
 
 int GetHostName(std::string& out) {
     RF_ENTER();
-    char buffer[1024] = {};
-    int rc = GetAttrObjByKey(kHostNameKey, buffer, sizeof buffer);
+    // The 1024-byte buffer lives on the heap: an alert runs on its caller's stack.
+    std::string buffer(1024, '\0');
+    int rc = GetAttrObjByKey(kHostNameKey, &buffer[0], static_cast<uint32_t>(buffer.size()));
     if (rc == 0) {
-        out = buffer;
+        out = buffer.substr(0, buffer.find('\0')); // the text ends at its NUL
     } else {
         RF_LOG(kLogError, "[%s():%d]RJXE:GetAttrObjByKey FAILED for hostname attribute");
     }

@@ -1,10 +1,13 @@
 #include "base/fd.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 namespace rfevent {
 
@@ -22,10 +25,62 @@ int UniqueFd::release() {
 }
 
 void UniqueFd::reset(int fd) {
+    if (fd >= 0 && fd <= STDERR_FILENO) {
+        const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        const int error = errno;
+        ::close(fd);
+        errno = error;
+        fd = moved;
+    }
     if (fd_ >= 0) {
         ::close(fd_);
     }
     fd_ = fd;
+}
+
+void reserveStandardStreams() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (::fcntl(fd, F_GETFD) >= 0 || errno != EBADF) {
+            continue;
+        }
+        // The lowest free descriptor: this one, or a lower one closed meanwhile.
+        const int placeholder = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        if (placeholder > STDERR_FILENO) {
+            ::close(placeholder);
+            return;
+        }
+        if (placeholder < 0) {
+            return;
+        }
+        fd = STDIN_FILENO - 1; // look at all three again
+    }
+}
+
+namespace {
+
+bool sigpipePending() {
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, SIGPIPE) == 1;
+}
+
+} // namespace
+
+SigpipeBlocked::SigpipeBlocked() : pendingBefore_(sigpipePending()) {
+    sigemptyset(&pipeOnly_);
+    sigaddset(&pipeOnly_, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeOnly_, &saved_);
+}
+
+SigpipeBlocked::~SigpipeBlocked() {
+    const int error = errno;
+    if (!pendingBefore_ && sigpipePending()) {
+        const timespec noWait = {0, 0};
+        while (sigtimedwait(&pipeOnly_, nullptr, &noWait) < 0 && errno == EINTR) {
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+    errno = error;
 }
 
 ssize_t writeOnce(int fd, const void* data, std::size_t length) {
@@ -37,24 +92,8 @@ ssize_t writeOnce(int fd, const void* data, std::size_t length) {
 }
 
 ssize_t writeWithoutSigpipe(int fd, const void* data, std::size_t length) {
-    sigset_t pipeOnly;
-    sigemptyset(&pipeOnly);
-    sigaddset(&pipeOnly, SIGPIPE);
-    sigset_t pending;
-    sigpending(&pending);
-    const bool pendingBefore = sigismember(&pending, SIGPIPE) == 1;
-    sigset_t saved;
-    pthread_sigmask(SIG_BLOCK, &pipeOnly, &saved);
-    const ssize_t written = writeOnce(fd, data, length);
-    const int error = errno;
-    if (written < 0 && error == EPIPE && !pendingBefore) {
-        const timespec noWait = {0, 0};
-        while (sigtimedwait(&pipeOnly, nullptr, &noWait) < 0 && errno == EINTR) {
-        }
-    }
-    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
-    errno = error;
-    return written;
+    const SigpipeBlocked blocked;
+    return writeOnce(fd, data, length);
 }
 
 bool writeAll(int fd, const void* data, std::size_t length) {
@@ -68,6 +107,24 @@ bool writeAll(int fd, const void* data, std::size_t length) {
         length -= static_cast<std::size_t>(written);
     }
     return true;
+}
+
+int readAll(int fd, std::string& text) {
+    constexpr std::size_t kStep = 4096;
+    for (;;) {
+        // Room reserved beforehand (a file's known size) is used before the string grows.
+        const std::size_t used = text.size();
+        text.resize(std::max(text.capacity(), used + kStep));
+        const ssize_t count = ::read(fd, &text[used], text.size() - used);
+        const int error = errno;
+        text.resize(used + static_cast<std::size_t>(count > 0 ? count : 0));
+        if (count == 0) {
+            return 0;
+        }
+        if (count < 0 && error != EINTR) {
+            return error;
+        }
+    }
 }
 
 } // namespace rfevent

@@ -2,18 +2,22 @@
 #ifndef RFEVENT_BASE_FD_H
 #define RFEVENT_BASE_FD_H
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <cstddef>
+#include <string>
 
 namespace rfevent {
 
 // A descriptor closed when its owner goes away. Every descriptor the plug-in opens is opened
-// with close-on-exec, so a host that starts programs does not leak them.
+// with close-on-exec, so a host that starts programs does not leak them, and is owned here at
+// once: one that landed on 0, 1 or 2 (a host that closed its standard streams) is moved above
+// them, so nothing the host writes to its standard streams reaches a file of the plug-in.
 class UniqueFd {
   public:
     UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
+    explicit UniqueFd(int fd) { reset(fd); }
     UniqueFd(const UniqueFd&) = delete;
     UniqueFd& operator=(const UniqueFd&) = delete;
     UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
@@ -23,25 +27,53 @@ class UniqueFd {
     int get() const { return fd_; }
     bool valid() const { return fd_ >= 0; }
     int release();
+    // Takes fd (moved above standard error when it is 0, 1 or 2; invalid, errno set, when it
+    // cannot be moved) and closes the one held before.
     void reset(int fd = -1);
 
   private:
     int fd_ = -1;
 };
 
+// Fills whichever of descriptors 0, 1 and 2 is closed with /dev/null (close-on-exec, kept for
+// the process's life), for libraries that open their own files, such as SQLite: none of their
+// files can then become a standard stream of the host. A host with its standard streams open
+// is left as it is.
+void reserveStandardStreams();
+
+// Blocks SIGPIPE in the calling thread while it lives, so that nothing done meanwhile (a write,
+// a whole transfer) can raise it in the host. When it goes, a SIGPIPE raised meanwhile is taken
+// back (one that was pending before is the host's and stays) and the thread's mask restored;
+// errno is kept. The host's own handling of SIGPIPE is never touched.
+class SigpipeBlocked {
+  public:
+    SigpipeBlocked();
+    SigpipeBlocked(const SigpipeBlocked&) = delete;
+    SigpipeBlocked& operator=(const SigpipeBlocked&) = delete;
+    ~SigpipeBlocked();
+
+  private:
+    sigset_t pipeOnly_;
+    sigset_t saved_;
+    bool pendingBefore_;
+};
+
 // One write() of the whole buffer, repeated only when a signal interrupted it before anything
 // was written. The result is write()'s.
 ssize_t writeOnce(int fd, const void* data, std::size_t length);
 
-// writeOnce that cannot raise SIGPIPE in the process when the reader is gone: SIGPIPE is
-// blocked in the calling thread for the write, and one the write raised is taken back before
-// the thread's mask is restored. The host's own handling of SIGPIPE is never touched. The
-// result and errno are the write's.
+// writeOnce that cannot raise SIGPIPE in the process when the reader is gone (SigpipeBlocked
+// around the write). The result and errno are the write's.
 ssize_t writeWithoutSigpipe(int fd, const void* data, std::size_t length);
 
 // Writes the whole buffer, continuing after short writes and interruptions; false on an error
 // (errno tells which).
 bool writeAll(int fd, const void* data, std::size_t length);
+
+// Appends everything left to read on fd to text, reading straight into the string (no buffer
+// on the caller's stack), continuing after interruptions; 0 at the end of the file, or the
+// errno of a failed read.
+int readAll(int fd, std::string& text);
 
 } // namespace rfevent
 

@@ -1,7 +1,9 @@
 #include "base/file.h"
 
 #include <fcntl.h>
+#include <sys/types.h>
 
+#include <climits>
 #include <cstdlib>
 
 #include "base/fd.h"
@@ -20,12 +22,26 @@ UniqueFile openForReading(const char* path, bool noFollow) {
     return file;
 }
 
+namespace {
+
+// The stream's position as a long, or -1 as ftell gives it. Through off_t, so that a 32-bit
+// build sees a position beyond 2 GiB as too large rather than as a wrong small number.
+long streamPosition(std::FILE* file) {
+    off_t position = ::ftello(file);
+    if (position < 0 || position > static_cast<off_t>(LONG_MAX)) {
+        return -1;
+    }
+    return static_cast<long>(position);
+}
+
+} // namespace
+
 char* readWholeFile(std::FILE* file, long* size, SourceSpot spot, const WholeFileTexts& texts) {
-    if (std::fseek(file, 0, SEEK_END) != 0) {
+    if (::fseeko(file, 0, SEEK_END) != 0) {
         RF_LOG_AT(spot, kLogError, "[%s():%d]File operation seek failed in local export function ");
         return nullptr;
     }
-    *size = std::ftell(file);
+    *size = streamPosition(file);
     if (texts.logSize) {
         RF_LOG_AT(spot, kLogInfo, "[%s():%d]lSize :%ld", *size);
     }
@@ -33,7 +49,7 @@ char* readWholeFile(std::FILE* file, long* size, SourceSpot spot, const WholeFil
         RF_LOG_AT(spot, kLogError, "[%s():%d]%s", texts.ftellFailed);
         return nullptr;
     }
-    if (std::fseek(file, 0, SEEK_SET) != 0) {
+    if (::fseeko(file, 0, SEEK_SET) != 0) {
         RF_LOG_AT(spot, kLogError, "[%s():%d]File operation seek failed in local export function ");
         return nullptr;
     }

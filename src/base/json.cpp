@@ -15,23 +15,7 @@ namespace {
 // The whole content of path; false when it cannot be opened or read.
 bool readFileText(const char* path, std::string& text) {
     UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
-    if (!fd.valid()) {
-        return false;
-    }
-    char chunk[4096];
-    for (;;) {
-        ssize_t count = ::read(fd.get(), chunk, sizeof chunk);
-        if (count == 0) {
-            return true;
-        }
-        if (count < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        text.append(chunk, static_cast<std::size_t>(count));
-    }
+    return fd.valid() && readAll(fd.get(), text) == 0;
 }
 
 // Parses report text; a report whose top level is not an object has no fields.

@@ -9,6 +9,7 @@
 
 #include "base/guard.h"
 #include "base/log.h"
+#include "base/pause.h"
 
 namespace rfevent {
 
@@ -17,6 +18,24 @@ namespace {
 bool isNamedPipe(int fd) {
     struct stat info;
     return ::fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode);
+}
+
+// Waits for a writer; a signal handled meanwhile does not end the wait.
+int openForReadingWhenWritten(const char* path) {
+    int fd = -1;
+    do {
+        fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+// One read; a signal handled before anything arrived does not end it.
+ssize_t readResumed(int fd, char* buffer, std::size_t size) {
+    ssize_t count = 0;
+    do {
+        count = ::read(fd, buffer, size);
+    } while (count < 0 && errno == EINTR);
+    return count;
 }
 
 } // namespace
@@ -35,7 +54,7 @@ UniqueFd openPipe(const PipeThread& pipe) {
     }
     RF_LOG(kLogInfo, "[%s():%d]%s FIFO created", pipe.texts.label);
     RF_LOG(kLogInfo, "[%s():%d]waiting on %s  %s", pipe.texts.waitName, pipe.path);
-    UniqueFd fd(::open(pipe.path, O_RDONLY | O_CLOEXEC));
+    UniqueFd fd(openForReadingWhenWritten(pipe.path));
     RF_LOG(kLogInfo, "[%s():%d]%s Opened %s", pipe.texts.pipeName, pipe.path);
     if (!fd.valid()) {
         RF_LOG(pipe.texts.openFailedLevel, "[%s():%d]Named pipe open failed");
@@ -53,7 +72,7 @@ ssize_t readPipeOnce(const PipeThread& pipe, int fd) {
     // A constant spot: only the guard's failure path reads it, from memory, so that no register
     // is kept for it around every read's handling.
     static constexpr SourceSpot kSpot = RF_HERE;
-    ssize_t count = ::read(fd, pipe.buffer, pipe.readSize);
+    ssize_t count = readResumed(fd, pipe.buffer, pipe.readSize);
     if (count >= 0) {
         guarded(kSpot, "Pipe read dropped", [&] { pipe.handleRead(pipe.buffer, count); });
     }
@@ -67,10 +86,10 @@ void readPipe(const PipeThread& pipe, int fd, const RunFlag* flag) {
             return;
         }
         if (count == 0 && pipe.noWriterPause > 0) {
-            ::sleep(pipe.noWriterPause);
+            pauseSeconds(pipe.noWriterPause);
         }
         if (pipe.readPause > 0) {
-            ::sleep(pipe.readPause);
+            pauseSeconds(pipe.readPause);
         }
     }
 }
@@ -86,13 +105,13 @@ void runPipeThread(const PipeThread& pipe, const RunFlag* flag) {
         if (!keepRunning(flag)) {
             break;
         }
-        ::sleep(1);
+        pauseSeconds(1);
     }
 }
 
 void parkForever() {
     for (;;) {
-        ::sleep(3600);
+        pauseSeconds(3600);
     }
 }
 

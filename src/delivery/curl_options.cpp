@@ -1,9 +1,12 @@
 #include "delivery/curl_options.h"
 
+#include <sys/socket.h>
+
 #include <string>
 #include <vector>
 
 #include "base/config.h"
+#include "base/fd.h"
 #include "base/paths.h"
 #include "delivery/http_headers.h"
 #include "delivery/session_cache.h"
@@ -37,6 +40,29 @@ size_t discardBody(char* data, size_t size, size_t count, void* context) {
     (void)data;
     (void)context;
     return size * count;
+}
+
+// Every socket libcurl opens for a POST: close-on-exec from the start, so a program the host
+// starts meanwhile inherits no connection of the plug-in, and above standard error.
+curl_socket_t openTransferSocket(void* context, curlsocktype purpose, curl_sockaddr* address) {
+    (void)context;
+    (void)purpose;
+    UniqueFd fd(::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol));
+    return fd.valid() ? fd.release() : CURL_SOCKET_BAD;
+}
+
+// A POST takes nothing of the host's process that is not its own: libcurl leaves the signal
+// dispositions alone (the callers block SIGPIPE in their own thread instead), the proxy
+// variables of the environment are not used (an empty proxy turns them off), and its sockets
+// come from openTransferSocket.
+bool setHostNeutralOptions(SourceSpot spot, CURL* curl) {
+    // libcurl's own descriptors (its wake-up socket pair, its resolver's) and OpenSSL's reads
+    // of the credential files must not become a standard stream of the host either.
+    reserveStandardStreams();
+    return setOption(spot, curl, CURLOPT_NOSIGNAL, 1L, {"libcurl CURLOPT_NOSIGNAL failed:", ""}) &&
+           setOption(spot, curl, CURLOPT_PROXY, "", {"libcurl CURLOPT_PROXY failed:", ""}) &&
+           setOption(spot, curl, CURLOPT_OPENSOCKETFUNCTION, openTransferSocket,
+                     {"libcurl CURLOPT_OPENSOCKETFUNCTION failed:", ""});
 }
 
 const Refusal kVerifyPeerRefused = {"libcurl CURLOPT_SSL_VERIFYPEER failed:", ""};
@@ -122,7 +148,8 @@ CurlList buildHeaderList(const Json::Value& subscription, const PostFlavour& fla
 
 bool setPostOptions(SourceSpot spot, CURL* curl, const char* uri, const char* body,
                     curl_slist* headers, const PostSettings& settings, const PostFlavour& flavour) {
-    if (!setRequestOptions(spot, curl, uri, headers, settings, flavour) ||
+    if (!setHostNeutralOptions(spot, curl) ||
+        !setRequestOptions(spot, curl, uri, headers, settings, flavour) ||
         !setCertificateChecking(spot, curl, settings.certificateSwitch, flavour) ||
         !setOption(spot, curl, CURLOPT_POSTFIELDS, body,
                    {"libcurl CURLOPT_POSTFIELDS failed:", "\n"})) {

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <string>
 
 #include "base/config.h"
 #include "base/log.h"
@@ -71,9 +72,10 @@ int SubmitJXLog(const char* msgId, int argCount, ...) {
     const uint32_t count = takeArguments(ap, argCount, args);
     va_end(ap);
 
-    char buffer[1024] = {};
-    uint32_t bufferSize = sizeof buffer;
-    int status = JXLOGWRAPBuildMsgArgsBuffer(args, count, buffer, &bufferSize);
+    // The 1024-byte buffer lives on the heap: this runs on an alert's caller's stack.
+    std::string buffer(1024, '\0');
+    uint32_t bufferSize = static_cast<uint32_t>(buffer.size());
+    int status = JXLOGWRAPBuildMsgArgsBuffer(args, count, &buffer[0], &bufferSize);
     if (status != 0) {
         RF_LOG(kLogError, "[%s():%d]JXLOGWRAPBuildMsgArgsBuffer Failed with status [%d]\n", status);
         RF_EXIT();
@@ -82,7 +84,7 @@ int SubmitJXLog(const char* msgId, int argCount, ...) {
     RF_LOG(kLogDebug, "[%s():%d]JXLOGWRAPBuildMsgArgsBuffer Success\n");
 
     JXLogTLVList* list = nullptr;
-    status = buildItemList(buffer, bufferSize, &list);
+    status = buildItemList(buffer.data(), bufferSize, &list);
     if (status == 0) {
         status = JXLOGWRAPSubmitEvent(65, 4, 2, msgId, 0, 0, list);
         if (status != 0) {

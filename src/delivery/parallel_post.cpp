@@ -1,12 +1,14 @@
 #include "delivery/parallel_post.h"
 
 #include <curl/curl.h>
+#include <errno.h>
 #include <sys/select.h>
 
 #include <cstring>
 #include <string>
 
 #include "base/config.h"
+#include "base/fd.h"
 #include "base/log.h"
 #include "delivery/curl_options.h"
 #include "delivery/status.h"
@@ -123,7 +125,9 @@ bool runTransfers(CURLM* multi) {
             selected = select(maxFd + 1, &readSet, &writeSet, &errorSet, &wait);
         }
         if (selected == -1) {
-            RF_LOG(kLogError, "[%s():%d]select fd error");
+            if (errno != EINTR) { // a signal of the host only ends this wait early
+                RF_LOG(kLogError, "[%s():%d]select fd error");
+            }
             continue;
         }
         curl_multi_perform(multi, &stillRunning);
@@ -168,6 +172,8 @@ void collectResults(const TransferTables& tables, std::vector<DeliveryTarget*>& 
 // One pass over at most 30 targets; every handle is released when it returns.
 void runPass(const char* body, std::vector<DeliveryTarget*>& targets,
              const rfevent::PostSettings& settings) {
+    // Released after the tables: their clean-up may still write to the connections.
+    const SigpipeBlocked noSigpipe;
     TransferTables tables;
     if (tables.multi == nullptr) {
         RF_LOG(kLogError, "[%s():%d]libcurl curl_multi_init failed");

@@ -175,15 +175,11 @@ Generation* generationFor(const CredentialFiles& files) {
     return g_cache.current;
 }
 
-CURLcode installCredentials(CURL* curl, void* sslContext, void* user) {
-    (void)curl;
-    return static_cast<const TlsCredentials*>(user)->install(sslContext);
-}
-
-// The transfer loads the credential files itself, as setPostOptions set it up.
+// The transfer loads the credential files itself, as setPostOptions set it up; its TLS context
+// is still prepared (no key log).
 void useFiles(CURL* curl, bool checking) {
-    (void)curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION,
-                           static_cast<curl_ssl_ctx_callback>(nullptr));
+    (void)curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, prepareTlsContext);
+    (void)curl_easy_setopt(curl, CURLOPT_SSL_CTX_DATA, static_cast<void*>(nullptr));
     (void)curl_easy_setopt(curl, CURLOPT_SSLCERT, fixedPath(FixedPath::ClientCertificate));
     (void)curl_easy_setopt(curl, CURLOPT_SSLKEY, fixedPath(FixedPath::ClientKey));
     if (checking) {
@@ -194,7 +190,7 @@ void useFiles(CURL* curl, bool checking) {
 // The transfer takes the parsed credentials instead of loading the files; false when libcurl
 // refused, and the transfer then loads the files itself.
 bool useParsed(CURL* curl, bool checking, const TlsCredentials* credentials) {
-    if (curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, installCredentials) != CURLE_OK ||
+    if (curl_easy_setopt(curl, CURLOPT_SSL_CTX_FUNCTION, prepareTlsContext) != CURLE_OK ||
         curl_easy_setopt(curl, CURLOPT_SSL_CTX_DATA, const_cast<TlsCredentials*>(credentials)) !=
             CURLE_OK) {
         return false;

@@ -1,14 +1,15 @@
 #include "delivery/single_post.h"
 
 #include <curl/curl.h>
-#include <unistd.h>
 
 #include <memory>
 #include <mutex>
 #include <string>
 
 #include "base/config.h"
+#include "base/fd.h"
 #include "base/log.h"
+#include "base/pause.h"
 #include "delivery/curl_options.h"
 #include "delivery/jxlog.h"
 #include "delivery/session_cache.h"
@@ -72,7 +73,7 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts,
         recordDeliveryOutcome(subscriptionId, uri, curl, rc);
         flushDeliveryStatus(); // the pause below may outlast the status file's 3 s
         if (interval > 0) {
-            ::sleep(static_cast<unsigned>(interval));
+            pauseSeconds(static_cast<unsigned>(interval));
         }
         if (count == attempts) {
             RF_LOG(kLogDebug, "[%s():%d]retried for %d times so write JX Log \n", count);
@@ -91,6 +92,8 @@ void postLocked(const char* formData, const char* uri, const Json::Value& subscr
                 int attempts, const rfevent::PostSettings& settings,
                 const std::string& subscriptionId, bool* failed) {
     std::lock_guard<std::mutex> guard(postLock());
+    // Released after the handle: its clean-up may still write to the connection.
+    const SigpipeBlocked noSigpipe;
     if (formData == nullptr || uri == nullptr) {
         RF_LOG(kLogError, "[%s():%d]formData or URI is NULL:\n");
         return;

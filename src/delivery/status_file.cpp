@@ -1,15 +1,13 @@
 #include "delivery/status_file.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <mutex>
 
 #include <json/json.h>
 
-#include "base/fd.h"
+#include "base/durable_file.h"
 #include "base/json.h"
 #include "base/paths.h"
 
@@ -79,19 +77,7 @@ bool replaceStatusFile(const std::string& text) {
     } else if (errno != EEXIST) {
         return false;
     }
-    std::string temp = path + ".tmp.XXXXXX";
-    UniqueFd fd(::mkostemp(temp.data(), O_CLOEXEC));
-    if (!fd.valid()) {
-        return false;
-    }
-    bool ok = ::fchmod(fd.get(), 0644) == 0;
-    ok = writeAll(fd.get(), text.data(), text.size()) && ok;
-    ok = (::close(fd.release()) == 0) && ok;
-    ok = ok && ::rename(temp.c_str(), path.c_str()) == 0;
-    if (!ok) {
-        ::unlink(temp.c_str());
-    }
-    return ok;
+    return rewriteFileAtomically(path, text, 0644).done();
 }
 
 } // namespace rfevent

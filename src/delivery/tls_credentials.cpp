@@ -1,9 +1,14 @@
 #include "delivery/tls_credentials.h"
 
 #include <fcntl.h>
+#include <openssl/decoder.h>
+#include <openssl/encoder.h>
 #include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/kdf.h>
 #include <openssl/opensslv.h>
 #include <openssl/pem.h>
+#include <openssl/rand.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
@@ -45,21 +50,11 @@ int readWhole(const char* path, std::string& text) {
     if (status.st_size > 0) {
         text.reserve(static_cast<std::size_t>(status.st_size));
     }
-    char buffer[4096];
-    for (;;) {
-        const ssize_t count = ::read(fd.get(), buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            text.clear();
-            return errno;
-        }
-        if (count == 0) {
-            return 0;
-        }
-        text.append(buffer, static_cast<std::size_t>(count));
+    const int error = readAll(fd.get(), text);
+    if (error != 0) {
+        text.clear();
     }
+    return error;
 }
 
 // Folds one file into the fingerprint: its read result, its length, its bytes.
@@ -183,6 +178,58 @@ CredentialFiles readCredentialFiles() {
     return files;
 }
 
+namespace {
+
+// Fetches every algorithm of every kind a handshake and the credentials' parsing use, so the
+// library records them all now: a kind whose first fetch fails half-way may stay incomplete.
+void fetchEveryAlgorithm() {
+    EVP_CIPHER_do_all_provided(
+        nullptr, [](EVP_CIPHER*, void*) {}, nullptr);
+    EVP_MD_do_all_provided(
+        nullptr, [](EVP_MD*, void*) {}, nullptr);
+    EVP_MAC_do_all_provided(
+        nullptr, [](EVP_MAC*, void*) {}, nullptr);
+    EVP_KDF_do_all_provided(
+        nullptr, [](EVP_KDF*, void*) {}, nullptr);
+    EVP_RAND_do_all_provided(
+        nullptr, [](EVP_RAND*, void*) {}, nullptr);
+    EVP_KEYMGMT_do_all_provided(
+        nullptr, [](EVP_KEYMGMT*, void*) {}, nullptr);
+    EVP_KEYEXCH_do_all_provided(
+        nullptr, [](EVP_KEYEXCH*, void*) {}, nullptr);
+    EVP_SIGNATURE_do_all_provided(
+        nullptr, [](EVP_SIGNATURE*, void*) {}, nullptr);
+    EVP_ASYM_CIPHER_do_all_provided(
+        nullptr, [](EVP_ASYM_CIPHER*, void*) {}, nullptr);
+    EVP_KEM_do_all_provided(
+        nullptr, [](EVP_KEM*, void*) {}, nullptr);
+    OSSL_DECODER_do_all_provided(
+        nullptr, [](OSSL_DECODER*, void*) {}, nullptr);
+    OSSL_ENCODER_do_all_provided(
+        nullptr, [](OSSL_ENCODER*, void*) {}, nullptr);
+}
+
+} // namespace
+
+bool prepareTlsLibrary() {
+    const uint64_t parts = OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS |
+                           OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS;
+    bool ready = OPENSSL_init_ssl(parts, nullptr) == 1;
+    if (ready) {
+        fetchEveryAlgorithm();
+    }
+    // A client context and one connection object set up what every handshake uses; a few
+    // random bytes start the generator's instances.
+    SSL_CTX* context = ready ? SSL_CTX_new(TLS_client_method()) : nullptr;
+    SSL* connection = context != nullptr ? SSL_new(context) : nullptr;
+    unsigned char random[16];
+    ready = connection != nullptr && RAND_bytes(random, sizeof random) == 1;
+    SSL_free(connection);
+    SSL_CTX_free(context);
+    ERR_clear_error();
+    return ready;
+}
+
 #define RFEVENT_TEXT_OF(value) #value
 #define RFEVENT_TEXT(value) RFEVENT_TEXT_OF(value)
 
@@ -241,6 +288,15 @@ CURLcode TlsCredentials::install(void* sslContext) const {
     }
     ERR_clear_error();
     return result;
+}
+
+CURLcode prepareTlsContext(CURL* curl, void* sslContext, void* credentials) {
+    (void)curl;
+    SSL_CTX_set_keylog_callback(static_cast<SSL_CTX*>(sslContext), nullptr);
+    if (credentials == nullptr) {
+        return CURLE_OK;
+    }
+    return static_cast<const TlsCredentials*>(credentials)->install(sslContext);
 }
 
 } // namespace rfevent

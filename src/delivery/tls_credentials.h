@@ -21,6 +21,12 @@ struct CredentialFiles {
 
 CredentialFiles readCredentialFiles();
 
+// Does the TLS library's one-time set-up (its error texts, algorithms and random generator, as
+// the first TLS context and handshake would) at load, while allocations still succeed: a set-up
+// that fails half-way under an allocation failure stays broken for the life of the process.
+// False (nothing to undo) when some part of it failed.
+bool prepareTlsLibrary();
+
 // True when libcurl hands its connections' TLS contexts to the TLS library this plug-in was
 // built with, so that parsed credentials can be put into them.
 bool tlsLibraryIsOurs();
@@ -47,6 +53,12 @@ class TlsCredentials {
     struct Parsed;
     Parsed* parsed_;
 };
+
+// libcurl's callback for every TLS context it makes for a POST (credentials: the parsed
+// TlsCredentials to install, or null when the transfer loads the files itself). It first
+// removes the key-log callback libcurl installs when SSLKEYLOGFILE is in the environment: no
+// secret of the plug-in's connections is ever written out.
+CURLcode prepareTlsContext(CURL* curl, void* sslContext, void* credentials);
 
 } // namespace rfevent
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/clock.h"
 #include "base/log.h"
 #include "events/severity.h"
 
@@ -93,7 +94,7 @@ const char* recordText(const DataEventHeader* header, size_t position) {
 
 std::string eventTimestamp() {
     char text[32] = {};
-    std::time_t now = std::time(nullptr);
+    std::time_t now = wallClockSeconds();
     std::tm local = {};
     if (::localtime_r(&now, &local) != nullptr) {
         std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local);

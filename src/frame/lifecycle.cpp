@@ -3,9 +3,11 @@
 #include <curl/curl.h>
 #include <dlfcn.h>
 
+#include "base/fd.h"
 #include "base/guard.h"
 #include "base/log.h"
 #include "delivery/session_cache.h"
+#include "delivery/tls_credentials.h"
 #include "rfevent/redfish_event.h"
 #include "subscriptions/invalid_dest.h"
 #include "telemetry/notify_thread.h"
@@ -95,10 +97,16 @@ extern "C" {
 
 RFEVENT_API void RedfishEventPluginInit(void) {
     RF_ENTER();
+    // libcurl's initialisation may open a file of its own (the key log): never as a standard
+    // stream of a host that closed them.
+    rfevent::reserveStandardStreams();
     if (curl_global_init(CURL_GLOBAL_ALL) != 0) { // SSL and Win32 initialisation, value 3
         RF_LOG(rfevent::kLogError, "[%s():%d]curl_global_init failed");
     } else {
         RF_LOG(rfevent::kLogDebug, "[%s():%d]curl_global_init Success");
+        if (!rfevent::prepareTlsLibrary()) {
+            RF_LOG(rfevent::kLogError, "[%s():%d]TLS library set-up failed");
+        }
         rfevent::createSessionCache();
     }
     RF_EXIT();

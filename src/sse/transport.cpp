@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include "base/log.h"
 #include "base/mutex_lock.h"
 #include "base/paths.h"
+#include "base/pause.h"
 
 namespace rfevent {
 
@@ -47,29 +49,56 @@ void renderPeer(const addrinfo* entry, char* out, socklen_t outSize) {
 // minutes the kernel would keep trying.
 constexpr int kTimeoutSeconds = 2;
 
-// How the last piece sent on this thread fared.
+// How a piece fared. The senders of a message's pieces are handed it back: the plug-in keeps
+// no thread-local state (a loaded library's is allocated at a thread's first use, and the C
+// library ends the process when that allocation fails).
 enum class PieceResult { Sent, Failed, NotAccepted };
-thread_local PieceResult t_lastPiece = PieceResult::Sent;
+
+// Waits until a connect that a signal interrupted has finished, at most until deadline; 0 or the
+// errno of the failure. The kernel goes on connecting after the interruption: the outcome is
+// read from the socket once it turns writable.
+int finishInterruptedConnect(int fd, const timespec& deadline) {
+    pollfd entry = {fd, POLLOUT, 0};
+    int ready = 0;
+    do {
+        ready = poll(&entry, 1, millisecondsUntil(deadline));
+    } while (ready < 0 && errno == EINTR);
+    if (ready <= 0) {
+        return ready == 0 ? ETIMEDOUT : errno;
+    }
+    int error = 0;
+    socklen_t length = sizeof error;
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
+        return errno;
+    }
+    return error;
+}
 
 // Connects fd to address; 0 or the errno of the failure. The socket's send time-out bounds
 // the connect as well (a connect it cuts short is reported as timed out), and then every send.
 int connectBounded(int fd, const addrinfo* address) {
+    const timespec deadline = deadlineAfterMilliseconds(kTimeoutSeconds * 1000L);
     const timeval limit = {kTimeoutSeconds, 0};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     if (connect(fd, address->ai_addr, address->ai_addrlen) == 0) {
         return 0;
     }
+    if (errno == EINTR) {
+        return finishInterruptedConnect(fd, deadline);
+    }
     return errno == EINPROGRESS ? ETIMEDOUT : errno;
 }
 
-// One send of the whole text, repeated only when interrupted before anything went out.
+// One send of the whole text, repeated when a signal interrupted it before anything went out,
+// as long as the send time-out has not passed since the first try.
 ssize_t sendOnce(int fd, const char* msg, std::size_t length) {
+    const timespec deadline = deadlineAfterMilliseconds(kTimeoutSeconds * 1000L);
     ssize_t sent = 0;
     do {
         // MSG_NOSIGNAL: a peer that already closed its end gives EPIPE here, not a SIGPIPE
         // that would end the whole host process.
         sent = send(fd, msg, length, MSG_NOSIGNAL);
-    } while (sent < 0 && errno == EINTR);
+    } while (sent < 0 && errno == EINTR && millisecondsUntil(deadline) > 0);
     return sent;
 }
 
@@ -179,13 +208,22 @@ PieceResult sendOverFreshConnection(std::string_view msg) {
 
 // After a piece the stream server did not accept in time the rest of the message is dropped:
 // every further piece would wait as long again.
-bool serverStoppedAccepting() {
-    if (t_lastPiece != PieceResult::NotAccepted) {
+bool serverStoppedAccepting(PieceResult lastPiece) {
+    if (lastPiece != PieceResult::NotAccepted) {
         return false;
     }
     RF_LOG(kLogError, "[%s():%d]SSE stream server accepts no connection; rest of the message "
                       "dropped");
     return true;
+}
+
+// send_to_sock_sse for the senders of a message's pieces: the same entry line and steps, and
+// how the piece fared.
+struct WithOutcome {};
+PieceResult send_to_sock_sse(const char* msg, WithOutcome /*unused*/) {
+    RF_ENTER();
+    MutexLock lock(sse_send_mutex);
+    return sendOverFreshConnection(msg);
 }
 
 } // namespace
@@ -200,9 +238,8 @@ void sendReportMessage(const std::string& message) {
         sse_chunk_send(message.c_str());
         return;
     }
-    send_to_sock_sse(message.c_str());
-    if (!serverStoppedAccepting()) {
-        send_to_sock_sse((messagePrefix(message) + "<END>").c_str());
+    if (!serverStoppedAccepting(send_to_sock_sse(message.c_str(), WithOutcome{}))) {
+        send_to_sock_sse((messagePrefix(message) + "<END>").c_str(), WithOutcome{});
     }
 }
 
@@ -231,9 +268,7 @@ int send_to_sse(const char* msg) {
 }
 
 int send_to_sock_sse(const char* msg) {
-    RF_ENTER();
-    MutexLock lock(sse_send_mutex);
-    t_lastPiece = sendOverFreshConnection(msg);
+    send_to_sock_sse(msg, WithOutcome{});
     return 0;
 }
 
@@ -260,12 +295,11 @@ int sse_chunk_send(const char* msg) {
             finished = true;
         }
         RF_LOG(kLogDebug, "[%s():%d]str:%s", chunk.c_str());
-        send_to_sock_sse(chunk.c_str());
-        if (serverStoppedAccepting()) {
+        if (serverStoppedAccepting(send_to_sock_sse(chunk.c_str(), WithOutcome{}))) {
             return 0;
         }
     }
-    send_to_sock_sse((prefix + "<END>").c_str());
+    send_to_sock_sse((prefix + "<END>").c_str(), WithOutcome{});
     return 0;
 }
 

@@ -1,7 +1,5 @@
 #include "subscriptions/invalid_dest.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -10,6 +8,7 @@
 #include "base/json.h"
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/pause.h"
 #include "base/run_flags.h"
 #include "delivery/single_post.h"
 #include "delivery/status.h"
@@ -194,7 +193,7 @@ bool probeInvalidDestinationsOnce() {
 void* InvalidDestHandlingThread1(void* unused) {
     (void)unused;
     for (;;) {
-        sleep(rfevent::kDrainPeriodSeconds);
+        rfevent::pauseSeconds(rfevent::kDrainPeriodSeconds);
         rfevent::flushDeliveryStatus(); // a pending status change reaches the file within 3 s
         if (rfevent::queuedRecordCount() == 0) {
             continue;
@@ -214,7 +213,7 @@ void* InvalidDestHandlingThread2(void* unused) {
         if (end) {
             return nullptr;
         }
-        sleep(rfevent::kProbePeriodSeconds);
+        rfevent::pauseSeconds(rfevent::kProbePeriodSeconds);
     }
 }
 

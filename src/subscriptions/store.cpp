@@ -1,9 +1,5 @@
 #include "subscriptions/store.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -11,7 +7,7 @@
 #include <sstream>
 #include <string>
 
-#include "base/fd.h"
+#include "base/durable_file.h"
 #include "base/json.h"
 #include "base/log.h"
 #include "base/paths.h"
@@ -66,36 +62,17 @@ void releaseTelemetrySlot(const Json::Value& subscription) {
 } // namespace
 
 bool writeSubscriptionStore(const Json::Value& document) {
-    // A store that is a link (into persistent storage, say) is followed: the file it points to
-    // is replaced, in that file's folder, and the link stays.
-    std::string path = storePath();
-    if (char* target = ::realpath(path.c_str(), nullptr)) {
-        path = target;
-        std::free(target);
-    }
     std::ostringstream text;
     text << document;
-    std::string temp = path + ".tmp.XXXXXX";
-    UniqueFd fd(::mkostemp(temp.data(), O_CLOEXEC));
-    if (!fd.valid()) {
-        RF_LOG(kLogError, "[%s():%d]Cannot create a temporary file for %s", path.c_str());
-        return false;
+    // A new store gets 0644: the REST server reads it too.
+    const RewriteOutcome outcome = rewriteFileDurably(storePath(), text.str(), 0644);
+    if (outcome.step == RewriteStep::Temporary) {
+        RF_LOG(kLogError, "[%s():%d]Cannot create a temporary file for %s", outcome.target.c_str());
+    } else if (!outcome.done()) {
+        RF_LOG(kLogError, "[%s():%d]Writing the subscription store %s failed",
+               outcome.target.c_str());
     }
-    // Keep the store's permissions: the REST server reads it too.
-    struct stat info;
-    mode_t mode = (::stat(path.c_str(), &info) == 0) ? (info.st_mode & 07777) : 0644;
-    const std::string content = text.str();
-    bool ok = ::fchmod(fd.get(), mode) == 0;
-    ok = writeAll(fd.get(), content.data(), content.size()) && ok;
-    ok = (::close(fd.release()) == 0) && ok;
-    if (ok) {
-        ok = ::rename(temp.c_str(), path.c_str()) == 0;
-    }
-    if (!ok) {
-        ::unlink(temp.c_str());
-        RF_LOG(kLogError, "[%s():%d]Writing the subscription store %s failed", path.c_str());
-    }
-    return ok;
+    return outcome.done();
 }
 
 namespace {

@@ -13,6 +13,8 @@
 
 #include <json/json.h>
 
+#include "base/clock.h"
+#include "base/durable_file.h"
 #include "base/file.h"
 #include "base/log.h"
 #include "base/paths.h"
@@ -24,14 +26,6 @@ namespace rfevent {
 
 std::atomic<int> serialLogSequence{0};
 std::atomic<int> cpuRegisterSequence{0};
-
-namespace {
-int systemClock(struct timeval* now) {
-    return gettimeofday(now, nullptr);
-}
-} // namespace
-
-ReportClock g_reportClock = systemClock;
 
 namespace {
 
@@ -55,7 +49,7 @@ bool isType(const char* type, const char* name) {
 // "2024-05-01T13:45:10.123Z"; the three digits are the microseconds modulo 1000.
 Json::Value reportTimestamp() {
     struct timeval now = {};
-    if (g_reportClock(&now) != 0) {
+    if (readWallClock(&now) != 0) {
         RF_LOG(kLogInfo, "[%s():%d]fetching time failed,setting timestamp to NULL");
         return Json::Value(Json::nullValue);
     }
@@ -251,25 +245,24 @@ int readSequenceNumber(std::FILE* file, int& sequence) {
 } // namespace
 
 int GetReportSequence(const char* path) {
-    FILE* file = std::fopen(path, "re");
+    rfevent::UniqueFile file = rfevent::openForReading(path);
     if (file == nullptr) {
         return 1;
     }
     // A failed or partial read, or a number too large for an int, gives the first sequence, 1.
     int sequence = 1;
-    int scanned = readSequenceNumber(file, sequence);
+    int scanned = readSequenceNumber(file.get(), sequence);
     RF_LOG(kLogInfo, "[%s():%d]fscanf:%d seq:%d", scanned, sequence);
-    std::fclose(file);
     return sequence;
 }
 
 int SetReportSequence(const char* path, int value) {
-    FILE* file = std::fopen(path, "we");
-    if (file == nullptr) {
+    // Replaced whole, so a crash or power cut never leaves an empty or half-written number.
+    const RewriteOutcome outcome = rewriteFileDurably(path, std::to_string(value), 0644);
+    if (!outcome.done()) {
+        RF_LOG(kLogError, "[%s():%d]Writing the report sequence %s failed", path);
         return 0;
     }
-    std::fprintf(file, "%d", value);
-    std::fclose(file);
     return 1;
 }
 

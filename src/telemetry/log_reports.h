@@ -2,8 +2,6 @@
 #ifndef RFEVENT_TELEMETRY_LOG_REPORTS_H
 #define RFEVENT_TELEMETRY_LOG_REPORTS_H
 
-#include <sys/time.h>
-
 #include <atomic>
 #include <cstddef>
 #include <string>
@@ -14,10 +12,6 @@ namespace rfevent {
 // sender uses the value as event id and then increments it.
 extern std::atomic<int> serialLogSequence;
 extern std::atomic<int> cpuRegisterSequence;
-
-// The clock of the report timestamps (gettimeofday); 0 on success. Replaceable for tests.
-using ReportClock = int (*)(struct timeval* now);
-extern ReportClock g_reportClock;
 
 int sendSerialLogToSSE();
 void sendCPUDumpToTelemetry();

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/clock.h"
+#include "base/fd.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/sqlite.h"
@@ -25,6 +27,9 @@ constexpr std::size_t kTimeSize = 64;
 } // namespace
 
 int intialize_tdb(void) {
+    // SQLite opens its files itself, as the lowest free descriptors: never the host's standard
+    // streams.
+    rfevent::reserveStandardStreams();
     int status = sqlite3_open_v2(rfevent::fixedPath(rfevent::FixedPath::TelemetryDatabase),
                                  &g_telemetryDb, SQLITE_OPEN_READONLY, nullptr);
     if (status != SQLITE_OK) {
@@ -117,7 +122,7 @@ void addColonToZoneOffset(char* text) {
 void sqlGetISODateTime(sqlite3_context* context, int argc, sqlite3_value** argv) {
     (void)argc;
     (void)argv;
-    std::time_t now = std::time(nullptr);
+    std::time_t now = wallClockSeconds();
     struct tm local = {};
     localtime_r(&now, &local);
     char formatted[kTimeSize] = {};

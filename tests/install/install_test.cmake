@@ -3,9 +3,12 @@
 #     and checks that each holds exactly its files;
 #  2. checks the libraries' ELF names: the platform library's SONAME carries the major
 #     version, the plug-in keeps the file name the host loads;
-#  3. compiles a C host and two C++ hosts with nothing but `pkg-config --cflags`, and runs the
-#     C host against the plug-in of the runtime-only prefix;
-#  4. configures and builds a host project that uses find_package(rfevent CONFIG).
+#  3. compiles a C host and two C++ hosts with nothing but `pkg-config --cflags`, and again
+#     with 64-bit time and file offsets asked for (the header must not care which a 32-bit
+#     host picks, so the files carry no such flag), and runs the C host against the plug-in
+#     of the runtime-only prefix;
+#  4. configures and builds a host project that uses find_package(rfevent CONFIG), whose
+#     targets carry no compile definitions.
 
 foreach(dir LIBDIR INCLUDEDIR BINDIR DATADIR DOCDIR)
     if(IS_ABSOLUTE "${${dir}}")
@@ -91,6 +94,19 @@ if(READELF)
                                 "${output}")
         endif()
     endif()
+    # No thread-local storage of their own: a loaded library's is allocated at a thread's first
+    # use, and the C library ends the whole process when that allocation fails.
+    set(loaded ${prefix_runtime}/${LIBDIR}/libredfishevent.so)
+    if(PLATFORM_VERSION)
+        list(APPEND loaded ${prefix_runtime}/${LIBDIR}/librfevent-platform.so.${PLATFORM_VERSION})
+    endif()
+    foreach(library ${loaded})
+        run(${READELF} -lW ${library})
+        if(output MATCHES "\n *TLS ")
+            message(FATAL_ERROR "${library} has thread-local storage (a TLS segment):\n"
+                                "${output}")
+        endif()
+    endforeach()
 endif()
 
 # 3. pkg-config only: the dev prefix alone, nothing of this build's include paths.
@@ -103,6 +119,10 @@ if(NOT rfevent_cflags STREQUAL "-I${prefix_dev}/${INCLUDEDIR}")
 endif()
 run(${PKG_CONFIG} --cflags rfevent-json)
 string(STRIP "${output}" json_cflags)
+if(json_cflags MATCHES "_TIME_BITS|_FILE_OFFSET_BITS")
+    message(FATAL_ERROR "pkg-config --cflags rfevent-json imposes a time or offset size: "
+                        "'${json_cflags}'")
+endif()
 run(${PKG_CONFIG} --variable=plugin rfevent)
 string(STRIP "${output}" plugin)
 if(NOT plugin STREQUAL "${prefix_dev}/${LIBDIR}/libredfishevent.so")
@@ -124,6 +144,12 @@ run(${CXX} ${cxx_flags} -std=c++17 ${warnings} ${rfevent_cflags} -c ${SOURCE_DIR
     -o ${WORK_DIR}/host.o)
 run(${CXX} ${cxx_flags} -std=c++17 ${warnings} ${json_cflags} -c ${SOURCE_DIR}/json_host.cpp
     -o ${WORK_DIR}/json_host.o)
+# A host that chose 64-bit time and file offsets, as a 32-bit host may (or may not).
+set(time64 -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64)
+run(${CC} ${c_flags} ${time64} -std=c11 ${warnings} ${rfevent_cflags} -c ${SOURCE_DIR}/host.c
+    -o ${WORK_DIR}/host_time64.o)
+run(${CXX} ${cxx_flags} ${time64} -std=c++17 ${warnings} ${json_cflags} -c
+    ${SOURCE_DIR}/json_host.cpp -o ${WORK_DIR}/json_host_time64.o)
 
 # The runtime component alone must load: the plug-in finds the platform library beside it.
 set(ENV{RFEVENT_ROOT} ${WORK_DIR}/root)

@@ -58,8 +58,7 @@ class HostileStoreTest : public ::testing::Test {
 std::vector<std::string> folderEntries(const std::string& folder) {
     std::vector<std::string> names;
     if (DIR* dir = ::opendir(folder.c_str())) {
-        // readdir64: on a 32-bit target the plain form fails on large inode numbers.
-        while (dirent64* entry = ::readdir64(dir)) {
+        while (dirent* entry = ::readdir(dir)) {
             if (entry->d_name[0] != '.') {
                 names.push_back(entry->d_name);
             }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -176,6 +177,60 @@ TEST_F(StoreTest, RewriteLeavesNoTemporaryFileAndKeepsPermissions) {
     struct stat info;
     ASSERT_EQ(::stat(path.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0640u);
+}
+
+// Giving the store another owner takes root; the suite runs as root in CI.
+bool canChangeOwners() {
+    return ::geteuid() == 0;
+}
+
+void expectOwnerAndMode(const std::string& path, uid_t owner, gid_t group, mode_t mode) {
+    struct stat info;
+    ASSERT_EQ(::stat(path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_uid, owner);
+    EXPECT_EQ(info.st_gid, group);
+    EXPECT_EQ(info.st_mode & 07777, mode);
+}
+
+TEST_F(StoreTest, EveryRewriteKeepsTheStoresOwnerGroupAndMode) {
+    if (!canChangeOwners()) {
+        GTEST_SKIP() << "NOT CHECKED: run as root to give the store another owner";
+    }
+    tk::writeSubscriptionStore(sampleStore());
+    const std::string path = tk::rooted(kStore);
+    ASSERT_EQ(::chown(path.c_str(), 4321, 4321), 0);
+    ASSERT_EQ(::chmod(path.c_str(), 0640), 0);
+    EXPECT_EQ(setSubscriptionState("1", "Disabled"), 0);
+    expectOwnerAndMode(path, 4321, 4321, 0640);
+    EXPECT_EQ(addInvalidMemberinSubscription("2"), 0);
+    expectOwnerAndMode(path, 4321, 4321, 0640);
+    EXPECT_EQ(removeSubscription("3"), 0);
+    expectOwnerAndMode(path, 4321, 4321, 0640);
+    EXPECT_FALSE(tk::readSubscriptionStore().isMember("3"));
+}
+
+TEST_F(StoreTest, AStoreBehindALinkKeepsItsTargetsOwner) {
+    if (!canChangeOwners()) {
+        GTEST_SKIP() << "NOT CHECKED: run as root to give the store another owner";
+    }
+    const std::string real = tk::rooted("/var/lib/lumenrest/real-subscriptions.json");
+    tk::writeFile(real, styled(sampleStore()));
+    ASSERT_EQ(::chown(real.c_str(), 4321, 4322), 0);
+    ASSERT_EQ(::chmod(real.c_str(), 0600), 0);
+    const std::string link = tk::rooted(kStore);
+    ::unlink(link.c_str());
+    ASSERT_EQ(::symlink(real.c_str(), link.c_str()), 0);
+    EXPECT_EQ(setSubscriptionState("1", "Disabled"), 0);
+    expectOwnerAndMode(real, 4321, 4322, 0600);
+    EXPECT_EQ(tk::parseJson(tk::readFile(real))["1"]["SubscriptionStateAfterRetry"], "Disabled");
+}
+
+TEST_F(StoreTest, ANewStoreIsReadableByOthersWhateverTheUmask) {
+    const mode_t saved = ::umask(077);
+    const bool written = rfevent::writeSubscriptionStore(sampleStore());
+    ::umask(saved);
+    ASSERT_TRUE(written);
+    expectOwnerAndMode(tk::rooted(kStore), ::geteuid(), ::getegid(), 0644);
 }
 
 TEST_F(StoreTest, WriteSubscriptionStoreReplacesTheWholeFile) {

@@ -32,8 +32,7 @@ std::string path(FixedPath which) {
 int openDescriptors() {
     int count = 0;
     if (DIR* dir = ::opendir("/proc/self/fd")) {
-        // readdir64: on a 32-bit target the plain form fails on large inode numbers.
-        while (dirent64* entry = ::readdir64(dir)) {
+        while (dirent* entry = ::readdir(dir)) {
             count += entry->d_name[0] != '.' ? 1 : 0;
         }
         ::closedir(dir);

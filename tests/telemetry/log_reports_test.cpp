@@ -15,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include "base/clock_internal.h"
 #include "base/paths.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
@@ -62,13 +63,13 @@ class LogReportsTest : public ::testing::Test {
         serialLogSequence.store(0);
         cpuRegisterSequence.store(0);
     }
-    void TearDown() override { g_reportClock = savedClock_; }
+    void TearDown() override { g_wallClock = savedClock_; }
 
-    ReportClock savedClock_ = g_reportClock;
+    WallClock savedClock_ = g_wallClock;
 };
 
 TEST_F(LogReportsTest, SerialLogDocumentHasEveryMember) {
-    g_reportClock = fixedClock;
+    g_wallClock = fixedClock;
     std::string text = GenerateLogEntryJsonForTelemetry("boot ok", "SerialLog");
     Json::Value doc = parseJson(text);
     EXPECT_EQ(rfevent::testkit::compactJson(doc), text); // compact, sorted members
@@ -94,7 +95,7 @@ TEST_F(LogReportsTest, SerialLogDocumentHasEveryMember) {
 }
 
 TEST_F(LogReportsTest, TimestampDigitsAreMicrosecondsModuloThousand) {
-    g_reportClock = [](struct timeval* now) {
+    g_wallClock = [](struct timeval* now) {
         now->tv_sec = 0;
         now->tv_usec = 999007; // 999 ms, but the digits are 007
         return 0;
@@ -104,7 +105,7 @@ TEST_F(LogReportsTest, TimestampDigitsAreMicrosecondsModuloThousand) {
 }
 
 TEST_F(LogReportsTest, UnreadableClockGivesNullTimestamp) {
-    g_reportClock = brokenClock;
+    g_wallClock = brokenClock;
     LogCapture log;
     Json::Value doc = parseJson(GenerateLogEntryJsonForTelemetry("", "SerialLog"));
     ASSERT_TRUE(doc.isMember("Timestamp"));
@@ -416,6 +417,28 @@ TEST_F(LogReportsSseTest, CpuRegisterReportStoresAndSends) {
     Json::Value doc = parseJson(readFile(path(FixedPath::CpuRegisterReport)));
     EXPECT_EQ("QUJD", doc["MetricValues"][0]["MetricValue"].asString());
     EXPECT_TRUE(receiver_.waitForPieces(2, kEventDeadline));
+}
+
+mode_t modeOf(const std::string& file) {
+    struct stat info = {};
+    EXPECT_EQ(0, stat(file.c_str(), &info)) << file;
+    return info.st_mode & 07777;
+}
+
+TEST_F(SerialLogTest, FilesTheReportsCreateGetTheirOwnModesWhateverTheUmask) {
+    writeFile(path(FixedPath::SerialLogCapture), "boot\n");
+    const mode_t saved = umask(0);
+    EXPECT_EQ(0, sendSerialLogToSSE());
+    EXPECT_EQ(0, sendCPURegisterReport("QUJD", "CPURegisters"));
+    umask(saved);
+    ASSERT_TRUE(receiver_.waitForPieces(4, kEventDeadline));
+    EXPECT_EQ(0644u, modeOf(path(FixedPath::SerialLogSequence)));
+    EXPECT_EQ(0644u, modeOf(path(FixedPath::CpuRegisterSequence)));
+    // Nothing else the reports leave behind is writable by others either.
+    for (FixedPath other :
+         {FixedPath::SerialLogReport, FixedPath::CpuRegisterReport, FixedPath::SerialLogLock}) {
+        EXPECT_EQ(0u, modeOf(path(other)) & 022) << path(other);
+    }
 }
 
 } // namespace

@@ -8,7 +8,6 @@
 // string or without a body, as a damaged configuration would.
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <new>
 #include <sstream>
 #include <string>
@@ -25,11 +24,12 @@ using rfevent::platform::dataFile;
 const char* const kAttributesFile = "attributes.json";
 
 bool loadAttributes(Json::Value& root) {
-    std::ifstream in(dataFile(kAttributesFile), std::ios::binary);
-    if (!in) {
+    std::string text;
+    if (!rfevent::platform::readWholeFile(dataFile(kAttributesFile), text)) {
         return false;
     }
     Json::CharReaderBuilder builder;
+    std::istringstream in(text);
     std::string errors;
     return Json::parseFromStream(builder, in, &root, &errors) && root.isObject();
 }

@@ -8,6 +8,15 @@
 
 namespace rfevent::platform {
 
+int keptAboveStandardStreams(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) {
+        return fd;
+    }
+    const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    ::close(fd);
+    return moved;
+}
+
 std::string dataFile(const char* name) {
     const char* root = std::getenv("RFEVENT_ROOT");
     std::string path = root ? root : "";
@@ -28,9 +37,24 @@ static bool writeAll(int fd, const char* data, size_t length) {
     return true;
 }
 
+bool readWholeFile(const std::string& path, std::string& text) {
+    int fd = keptAboveStandardStreams(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd < 0) {
+        return false;
+    }
+    text.clear();
+    char buffer[4096];
+    ssize_t n = 0;
+    while ((n = ::read(fd, buffer, sizeof buffer)) > 0) {
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    ::close(fd);
+    return n == 0;
+}
+
 bool replaceFile(const std::string& path, const std::string& content) {
     std::string temp = path + ".tmp.XXXXXX";
-    int fd = ::mkstemp(temp.data());
+    int fd = keptAboveStandardStreams(::mkostemp(temp.data(), O_CLOEXEC));
     if (fd < 0) {
         return false;
     }
@@ -46,7 +70,8 @@ bool replaceFile(const std::string& path, const std::string& content) {
 }
 
 bool appendLine(const std::string& path, const std::string& line) {
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    int fd = keptAboveStandardStreams(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     if (fd < 0) {
         return false;
     }

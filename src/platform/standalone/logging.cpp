@@ -3,18 +3,20 @@
 // RFEVENT_LOG_FILE (appended) or to stderr, when their level is at most RFEVENT_LOG_LEVEL
 // (default 2, errors only; read once, at the first line).
 #include "platform/platform.h"
+#include "platform/standalone/data_dir.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
-#include <string>
 
 namespace {
 
@@ -45,12 +47,15 @@ class LogSink {
             return;
         }
         std::lock_guard<std::mutex> lock(mutex_);
-        if (fd_ < 0 || path_ != file) {
+        if (fd_ < 0 || std::strncmp(path_, file, sizeof path_) != 0) {
             if (fd_ >= 0) {
                 ::close(fd_);
             }
-            path_ = file;
-            fd_ = ::open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+            // Kept in place: writing a line never allocates, so a line about an allocation
+            // failure still gets written.
+            std::strncpy(path_, file, sizeof path_ - 1);
+            fd_ = rfevent::platform::keptAboveStandardStreams(
+                ::open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
         }
         if (fd_ >= 0) {
             (void)!::write(fd_, line, length);
@@ -59,13 +64,28 @@ class LogSink {
 
   private:
     std::mutex mutex_;
-    std::string path_;
+    char path_[4096] = {};
     int fd_ = -1;
 };
 
 LogSink& sink() {
     static LogSink* instance = new LogSink; // never destroyed: used until the very end
     return *instance;
+}
+
+// A line is at most kLineBytes long, terminator included; longer ones are cut. Most lines fit
+// the small buffer on the caller's stack; a longer one is formatted again on the heap, so a
+// caller with a small stack never pays for the longest line.
+constexpr size_t kLineBytes = 8192;
+constexpr size_t kShortLineBytes = 512;
+
+// Formats "<level> [module] " and the message into line (of size bytes); the line's length as
+// snprintf counts it (possibly more than fits).
+size_t formatLine(char* line, size_t size, int level, int module, const char* format,
+                  va_list args) {
+    const int head = std::snprintf(line, size, "<%d> [%d] ", level, module);
+    const int body = std::vsnprintf(line + head, size - static_cast<size_t>(head), format, args);
+    return static_cast<size_t>(head) + static_cast<size_t>(body > 0 ? body : 0);
 }
 
 // Formats and writes one line of a level up to the configured one. Kept out of orvaprintf so that a
@@ -77,13 +97,25 @@ __attribute__((noinline)) int writeLine(int level, int module, const char* forma
     if (format == nullptr || level > configured) {
         return 0;
     }
-    char line[8192];
-    int head = std::snprintf(line, sizeof line, "<%d> [%d] ", level, module);
-    int body = std::vsnprintf(line + head, sizeof line - static_cast<size_t>(head), format, args);
-    size_t length = static_cast<size_t>(head);
-    if (body > 0) {
-        length += std::min(static_cast<size_t>(body), sizeof line - static_cast<size_t>(head) - 1);
+    char shortLine[kShortLineBytes];
+    va_list again;
+    va_copy(again, args);
+    size_t length = formatLine(shortLine, sizeof shortLine, level, module, format, args);
+    char* line = shortLine;
+    size_t size = sizeof shortLine;
+    std::unique_ptr<char, decltype(&std::free)> longLine(nullptr, std::free);
+    if (length >= sizeof shortLine) {
+        size = std::min(length + 1, kLineBytes);
+        longLine.reset(static_cast<char*>(std::malloc(size)));
+        if (longLine != nullptr) {
+            line = longLine.get();
+            (void)formatLine(line, size, level, module, format, again);
+        } else {
+            size = sizeof shortLine; // no memory: the line is cut at the short buffer
+        }
     }
+    va_end(again);
+    length = std::min(length, size - 1);
     // Messages often carry their own trailing newline; keep exactly one.
     while (length > 0 && line[length - 1] == '\n') {
         --length;

@@ -21,7 +21,8 @@ int utl_trylock_write(const char* path) {
     if (path == nullptr) {
         return -1;
     }
-    int fd = ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    int fd = rfevent::platform::keptAboveStandardStreams(
+        ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     if (fd < 0) {
         return -1;
     }
