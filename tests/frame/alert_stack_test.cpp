@@ -96,30 +96,53 @@ TEST_F(AlertStackTest, AnAlertWithATlsDeliveryRunsOnTheStackTheReadmeNames) {
 constexpr std::size_t kPaintedBytes = std::size_t{1024} * 1024;
 constexpr unsigned char kPaint = 0xA5;
 
-TEST_F(AlertStackTest, AnAlertWithATlsDeliveryReachesNoDeeperThanTheReadmeNames) {
-    tk::setAttribute("Tavik.Embedded.1#RedfishEventing.1#EventEnable", "1");
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+void* doNothing(void*) {
+    return nullptr;
+}
+#endif
+
+// How deep a thread running body reached on a stack painted with a pattern. The thread's
+// descriptor and static TLS sit at the top of a given stack: they count too.
+std::size_t paintedDepth(void* (*body)(void*), void* argument) {
     void* stack = ::mmap(nullptr, kPaintedBytes, PROT_READ | PROT_WRITE,
                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
-    ASSERT_NE(stack, MAP_FAILED);
+    if (stack == MAP_FAILED) {
+        return kPaintedBytes;
+    }
     std::memset(stack, kPaint, kPaintedBytes);
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstack(&attributes, stack, kPaintedBytes);
     pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, &attributes, sendAlert, &record_), 0);
-    pthread_join(thread, nullptr);
-    ASSERT_TRUE(server_->waitForRequests(1, tk::kEventDeadline));
+    const bool ran = pthread_create(&thread, &attributes, body, argument) == 0 &&
+                     pthread_join(thread, nullptr) == 0;
+    pthread_attr_destroy(&attributes);
     const auto* bytes = static_cast<const unsigned char*>(stack);
     std::size_t untouched = 0;
     while (untouched < kPaintedBytes && bytes[untouched] == kPaint) {
         ++untouched;
     }
-    // The thread's descriptor and static TLS sit at the top of a given stack: part of the need.
-    const std::size_t depth = kPaintedBytes - untouched;
+    ::munmap(stack, kPaintedBytes);
+    return ran ? kPaintedBytes - untouched : kPaintedBytes;
+}
+
+TEST_F(AlertStackTest, AnAlertWithATlsDeliveryReachesNoDeeperThanTheReadmeNames) {
+    tk::setAttribute("Tavik.Embedded.1#RedfishEventing.1#EventEnable", "1");
+    const std::size_t depth = paintedDepth(sendAlert, &record_);
+    ASSERT_TRUE(server_->waitForRequests(1, tk::kEventDeadline));
     std::printf("an alert with a TLS delivery reached %zu bytes (%.1f KiB) deep\n", depth,
                 depth / 1024.0);
-    ::munmap(stack, kPaintedBytes);
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // A sanitizer's runtime keeps its own per-thread state in static TLS (the thread sanitizer
+    // hundreds of KiB of it), which no host pays: here the alert's frames are measured above
+    // what an idle thread already takes, and held to the scaled figure.
+    const std::size_t idle = paintedDepth(doNothing, nullptr);
+    std::printf("an idle thread reached %zu bytes deep\n", idle);
+    EXPECT_LE(depth - std::min(idle, depth), kAlertStackKiB * 1024 * kFrameScale);
+#else
     EXPECT_LE(depth, kAlertStackKiB * 1024 * kFrameScale);
+#endif
 }
 
 } // namespace
