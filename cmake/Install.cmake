@@ -3,7 +3,8 @@
 #
 #   runtime  the plug-in and the stand-alone platform library: what a firmware image ships
 #   dev      the public header, pkg-config files rfevent and rfevent-json, the CMake package
-#            (find_package(rfevent CONFIG), target rfevent::headers) and the licence
+#            (find_package(rfevent CONFIG), target rfevent::headers), the JSON Schema of the
+#            delivery status file (share/rfevent/schema/) and the licence
 #   tools    the host simulator and its sample test report, for a workstation
 #
 # `cmake --install build --component runtime` installs the first alone; without --component
@@ -59,6 +60,10 @@ foreach(pc rfevent rfevent-json)
     install(FILES ${PROJECT_BINARY_DIR}/package/${pc}.pc DESTINATION ${rfevent_pkgconfig_dir}
             COMPONENT dev)
 endforeach()
+
+# The schema a host checks "/var/run/rfevent/delivery-status.json" against.
+install(FILES ${PROJECT_SOURCE_DIR}/schema/delivery-status.schema.json
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/rfevent/schema COMPONENT dev)
 
 install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT dev)
 

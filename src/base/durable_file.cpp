@@ -68,16 +68,16 @@ bool copyPermissions(int fd, const std::string& target, mode_t newFileMode) {
            g_calls.fchmod(fd, old.st_mode & 07777) == 0;
 }
 
-// Writes, flushes and closes the temporary file; Done or the step that failed.
+// Writes and (when durable) flushes the temporary file; Done or the step that failed.
 RewriteOutcome fillTemporary(int fd, const std::string& target, const std::string& content,
-                             mode_t newFileMode) {
+                             mode_t newFileMode, bool durable) {
     if (!copyPermissions(fd, target, newFileMode)) {
         return failed(RewriteStep::Permissions);
     }
     if (!g_calls.writeAll(fd, content.data(), content.size())) {
         return failed(RewriteStep::Write);
     }
-    if (flush(fd) != 0) {
+    if (durable && flush(fd) != 0) {
         return failed(RewriteStep::Flush);
     }
     return RewriteOutcome{};
@@ -96,6 +96,33 @@ RewriteOutcome flushFolder(const std::string& folder) {
     return outcome;
 }
 
+// The rewrite; durable adds the flushes of the temporary file and of the folder.
+RewriteOutcome rewriteFile(const std::string& path, const std::string& content, mode_t newFileMode,
+                           bool durable) {
+    const std::string target = resolvedTarget(path);
+    std::string temporary = target + ".tmp.XXXXXX";
+    UniqueFd fd(g_calls.makeTemporary(temporary.data()));
+    if (!fd.valid()) {
+        return failed(RewriteStep::Temporary);
+    }
+    RewriteOutcome outcome = fillTemporary(fd.get(), target, content, newFileMode, durable);
+    if (g_calls.close(fd.release()) != 0 && outcome.done()) {
+        outcome = failed(RewriteStep::Flush);
+    }
+    if (outcome.done() && g_calls.rename(temporary.c_str(), target.c_str()) != 0) {
+        outcome = failed(RewriteStep::Rename);
+    }
+    if (outcome.done()) {
+        if (durable) {
+            outcome = flushFolder(folderOf(target));
+        }
+    } else {
+        g_calls.unlink(temporary.c_str());
+    }
+    outcome.target = target;
+    return outcome;
+}
+
 } // namespace
 
 RewriteCalls& rewriteCalls() {
@@ -108,26 +135,12 @@ const RewriteCalls& realRewriteCalls() {
 
 RewriteOutcome rewriteFileDurably(const std::string& path, const std::string& content,
                                   mode_t newFileMode) {
-    const std::string target = resolvedTarget(path);
-    std::string temporary = target + ".tmp.XXXXXX";
-    UniqueFd fd(g_calls.makeTemporary(temporary.data()));
-    if (!fd.valid()) {
-        return failed(RewriteStep::Temporary);
-    }
-    RewriteOutcome outcome = fillTemporary(fd.get(), target, content, newFileMode);
-    if (g_calls.close(fd.release()) != 0 && outcome.done()) {
-        outcome = failed(RewriteStep::Flush);
-    }
-    if (outcome.done() && g_calls.rename(temporary.c_str(), target.c_str()) != 0) {
-        outcome = failed(RewriteStep::Rename);
-    }
-    if (outcome.done()) {
-        outcome = flushFolder(folderOf(target));
-    } else {
-        g_calls.unlink(temporary.c_str());
-    }
-    outcome.target = target;
-    return outcome;
+    return rewriteFile(path, content, newFileMode, true);
+}
+
+RewriteOutcome rewriteFileAtomically(const std::string& path, const std::string& content,
+                                     mode_t newFileMode) {
+    return rewriteFile(path, content, newFileMode, false);
 }
 
 } // namespace rfevent

@@ -43,6 +43,11 @@ struct RewriteOutcome {
 RewriteOutcome rewriteFileDurably(const std::string& path, const std::string& content,
                                   mode_t newFileMode);
 
+// The same rewrite without the two flushes: still whole and atomic for every reader, but a
+// power cut may lose it. For files on a RAM file system, which mean nothing after a restart.
+RewriteOutcome rewriteFileAtomically(const std::string& path, const std::string& content,
+                                     mode_t newFileMode);
+
 } // namespace rfevent
 
 #endif

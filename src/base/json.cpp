@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <exception>
 #include <memory>
 
@@ -47,6 +48,27 @@ bool loadJsonObject(SourceSpot spot, const char* path, const JsonFileTexts& text
         root = Json::Value(Json::objectValue);
     }
     return true;
+}
+
+QuietLoad loadJsonObjectQuietly(const char* path, Json::Value& root) {
+    std::string text;
+    if (!readFileText(path, text)) {
+        return errno == ENOENT ? QuietLoad::Absent : QuietLoad::Unparsable;
+    }
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    try {
+        if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors)) {
+            return QuietLoad::Unparsable;
+        }
+    } catch (const std::exception&) {
+        return QuietLoad::Unparsable;
+    }
+    if (!root.isObject()) {
+        root = Json::Value(Json::objectValue);
+    }
+    return QuietLoad::Parsed;
 }
 
 std::string writeCompactJson(const Json::Value& value) {

@@ -27,6 +27,12 @@ struct JsonFileTexts {
 bool loadJsonObject(SourceSpot spot, const char* path, const JsonFileTexts& texts,
                     Json::Value& root);
 
+// What a quiet load found.
+enum class QuietLoad { Absent, Unparsable, Parsed };
+
+// loadJsonObject without a log line, for files the plug-in only consults for itself.
+QuietLoad loadJsonObjectQuietly(const char* path, Json::Value& root);
+
 // Compact JSON (no indentation), members in the library's ascending order.
 std::string writeCompactJson(const Json::Value& value);
 

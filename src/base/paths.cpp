@@ -8,7 +8,7 @@ namespace rfevent {
 
 namespace {
 
-constexpr std::array<const char*, 17> kFixedPaths = {
+constexpr std::array<const char*, 18> kFixedPaths = {
     "/var/lib/lumenrest/redfish_subscriptions/subscriptions.json",
     "/var/run/lumenrest/sse_subscriptions.json",
     "/var/run/lumenrest/SSE_FIFO",
@@ -26,6 +26,7 @@ constexpr std::array<const char*, 17> kFixedPaths = {
     "/var/tmp/telemetry/CpuRegisterDump.json",
     "/var/tmp/telemetry/SerialLogRS.txt",
     "/var/tmp/telemetry/CpuRegisterDumpRS.txt",
+    "/var/run/rfevent/delivery-status.json",
 };
 
 struct Resolved {

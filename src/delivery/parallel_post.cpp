@@ -11,6 +11,7 @@
 #include "base/fd.h"
 #include "base/log.h"
 #include "delivery/curl_options.h"
+#include "delivery/status.h"
 
 namespace rfevent {
 
@@ -134,10 +135,21 @@ bool runTransfers(CURLM* multi) {
     return true;
 }
 
+// The target whose transfer ran on handle, or null.
+const DeliveryTarget* targetOf(const TransferTables& tables,
+                               const std::vector<DeliveryTarget*>& targets, CURL* handle) {
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+        if (tables.handles[i].get() == handle) {
+            return targets[i];
+        }
+    }
+    return nullptr;
+}
+
 // Counts a failure for every finished transfer that ended with an error.
-void collectResults(CURLM* multi, std::vector<DeliveryTarget*>& targets) {
+void collectResults(const TransferTables& tables, std::vector<DeliveryTarget*>& targets) {
     int queued = 0;
-    while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+    while (CURLMsg* message = curl_multi_info_read(tables.multi.get(), &queued)) {
         if (message->msg != CURLMSG_DONE) {
             continue;
         }
@@ -149,6 +161,10 @@ void collectResults(CURLM* multi, std::vector<DeliveryTarget*>& targets) {
         if (message->data.result != CURLE_OK) {
             RF_LOG(kLogError, "[%s():%d]update retry count");
             countDeliveryFailure(targets, url);
+        }
+        if (const DeliveryTarget* target = targetOf(tables, targets, message->easy_handle)) {
+            recordDeliveryOutcome(recordSubscriptionId(*target), target->destination,
+                                  message->easy_handle, message->data.result);
         }
     }
 }
@@ -164,7 +180,7 @@ void runPass(const char* body, std::vector<DeliveryTarget*>& targets,
         return;
     }
     if (prepareTransfers(tables, body, targets, settings) && runTransfers(tables.multi.get())) {
-        collectResults(tables.multi.get(), targets);
+        collectResults(tables, targets);
     }
 }
 
@@ -184,6 +200,7 @@ void sendMultiperform(const char* body, std::vector<DeliveryTarget*>& targets) {
                static_cast<int>(targets.size()));
     } else {
         runPass(body, targets, {interval, certificateSwitch});
+        flushDeliveryStatus();
     }
     RF_EXIT();
 }

@@ -13,6 +13,7 @@
 #include "delivery/curl_options.h"
 #include "delivery/jxlog.h"
 #include "delivery/session_cache.h"
+#include "delivery/status.h"
 
 namespace rfevent {
 
@@ -49,7 +50,8 @@ void logCertificateChain(CURL* curl) {
 
 // Up to attempts transfers; after the last failed one the event-log entry and the flag.
 void attemptDelivery(CURL* curl, const char* uri, int attempts,
-                     const rfevent::PostSettings& settings, bool* failed) {
+                     const rfevent::PostSettings& settings, const std::string& subscriptionId,
+                     bool* failed) {
     const int interval = static_cast<int>(settings.interval);
     if (attempts <= 0) {
         return; // a retry count of 0 switches this delivery off
@@ -61,12 +63,15 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts,
             // Any HTTP answer counts: only transport failures are retried.
             RF_LOG(kLogDebug, "[%s():%d]curl_easy_perform success\n");
             logCertificateChain(curl);
+            recordDeliveryOutcome(subscriptionId, uri, curl, rc);
             return;
         }
         ++count;
         RF_LOG(kLogError, "[%s():%d]curl_easy_perform failed with status %d \n", rc);
         RF_LOG(kLogError, "[%s():%d]curl_easy_perform failed %d time sleeping for%d seconds\n",
                count, interval);
+        recordDeliveryOutcome(subscriptionId, uri, curl, rc);
+        flushDeliveryStatus(); // the pause below may outlast the status file's 3 s
         if (interval > 0) {
             pauseSeconds(static_cast<unsigned>(interval));
         }
@@ -84,7 +89,8 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts,
 
 // Steps under the POST lock: set-up, the attempts, clean-up (header list, then handle).
 void postLocked(const char* formData, const char* uri, const Json::Value& subscription,
-                int attempts, const rfevent::PostSettings& settings, bool* failed) {
+                int attempts, const rfevent::PostSettings& settings,
+                const std::string& subscriptionId, bool* failed) {
     std::lock_guard<std::mutex> guard(postLock());
     // Released after the handle: its clean-up may still write to the connection.
     const SigpipeBlocked noSigpipe;
@@ -102,14 +108,14 @@ void postLocked(const char* formData, const char* uri, const Json::Value& subscr
     rfevent::CurlList headers = rfevent::buildHeaderList(subscription, rfevent::kSinglePost);
     if (rfevent::setPostOptions(RF_HERE, curl.get(), uri, formData, headers.get(), settings,
                                 rfevent::kSinglePost)) {
-        attemptDelivery(curl.get(), uri, attempts, settings, failed);
+        attemptDelivery(curl.get(), uri, attempts, settings, subscriptionId, failed);
     }
 }
 
 } // namespace
 
 void sendHTTPPacketByCURL(const char* formData, const char* uri, const Json::Value& subscription,
-                          bool* failed) {
+                          bool* failed, const std::string& subscriptionId) {
     RF_ENTER();
     *failed = false;
     int attempts = getDeliveryRetryAttemptsValue();
@@ -117,7 +123,9 @@ void sendHTTPPacketByCURL(const char* formData, const char* uri, const Json::Val
     int ignoreSwitch = getIgnoreCertificateErrors();
     RF_LOG(kLogInfo, "[%s():%d]retryAttempts:%d, retryIntervalSec:%d", attempts, interval);
     RF_LOG(kLogInfo, "[%s():%d]isIgnoreCertificateErrors:%d", ignoreSwitch);
-    postLocked(formData, uri, subscription, attempts, {interval, ignoreSwitch}, failed);
+    postLocked(formData, uri, subscription, attempts, {interval, ignoreSwitch}, subscriptionId,
+               failed);
+    flushDeliveryStatus(); // after the POST lock is released
     RF_EXIT();
 }
 

@@ -60,7 +60,7 @@ void deliver(AlertCall& call, const std::string& id, const Json::Value& subscrip
         RF_LOG(kLogDebug, "[%s():%d]Event Modified successfully with NumericIDs!");
     }
     bool failed = false;
-    sendHTTPPacketByCURL(text.c_str(), destination.c_str(), headers, &failed);
+    sendHTTPPacketByCURL(text.c_str(), destination.c_str(), headers, &failed, id);
     if (!failed) {
         RF_LOG(kLogDebug, "[%s():%d]sendHTTPPacketByCURL success \n");
         return;

@@ -11,6 +11,7 @@
 #include "base/pause.h"
 #include "base/run_flags.h"
 #include "delivery/single_post.h"
+#include "delivery/status.h"
 #include "delivery/target.h"
 #include "subscriptions/retry_policy.h"
 #include "subscriptions/store.h"
@@ -60,7 +61,7 @@ void resend(const InvalidDestinationRecord& record) {
     bool failed = false;
     sendHTTPPacketByCURL(record.report, record.destination,
                          record.subscription != nullptr ? *record.subscription : noSubscription,
-                         &failed);
+                         &failed, recordSubscriptionId(record));
     if (failed) {
         applyRetryPolicy(record);
     }
@@ -75,7 +76,7 @@ void probeSubscription(Json::Value& document, const std::string& id) {
            destination.c_str());
     bool failed = false;
     sendHTTPPacketByCURL(g_invalidDestinationProbeReport, destination.c_str(), subscription,
-                         &failed);
+                         &failed, id);
     RF_LOG(kLogDebug, "[%s():%d]bSuspendSubscription : %d", failed ? 1 : 0);
     if (failed) {
         return; // probed again next cycle; this thread never applies the policy
@@ -193,6 +194,7 @@ void* InvalidDestHandlingThread1(void* unused) {
     (void)unused;
     for (;;) {
         rfevent::pauseSeconds(rfevent::kDrainPeriodSeconds);
+        rfevent::flushDeliveryStatus(); // a pending status change reaches the file within 3 s
         if (rfevent::queuedRecordCount() == 0) {
             continue;
         }

@@ -122,6 +122,16 @@ TEST_F(DurableFileTest, TheContentIsFlushedBeforeTheRenameAndTheFolderAfterIt) {
     EXPECT_EQ(g_trace, expected);
 }
 
+TEST_F(DurableFileTest, TheAtomicRewriteIsTheSameWithoutTheFlushes) {
+    tk::writeFile(path_, "old");
+    const RewriteOutcome outcome = rewriteFileAtomically(path_, "new", 0644);
+    EXPECT_TRUE(outcome.done());
+    EXPECT_EQ(tk::readFile(path_), "new");
+    const std::vector<std::string> expected = {"create",     "fchown file", "fchmod file",
+                                               "write file", "close file",  "rename file " + path_};
+    EXPECT_EQ(g_trace, expected);
+}
+
 TEST_F(DurableFileTest, ANewFileGetsItsModeWhateverTheUmask) {
     const mode_t saved = ::umask(0);
     const RewriteOutcome outcome = rewriteFileDurably(path_, "1", 0644);

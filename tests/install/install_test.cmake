@@ -58,6 +58,7 @@ set(dev_files
     ${LIBDIR}/cmake/rfevent/rfeventConfig.cmake
     ${LIBDIR}/cmake/rfevent/rfeventConfigVersion.cmake
     ${LIBDIR}/cmake/rfevent/rfeventTargets.cmake
+    ${DATADIR}/rfevent/schema/delivery-status.schema.json
     ${DOCDIR}/LICENSE)
 set(tools_files "")
 if(WITH_TOOLS)

@@ -332,6 +332,8 @@ class NginxServer {
         c += "            proxy_set_header X-Client-Fingerprint $ssl_client_fingerprint;\n";
         c += "            proxy_set_header X-Tls-Protocol $ssl_protocol;\n";
         c += "        }\n";
+        // A collector with the common 1 MiB body limit: larger bodies are answered 413.
+        c += "        location = /limited { client_max_body_size 1m; return 204; }\n";
         c += "        location = /status/401 { return 401; }\n";
         c += "        location = /status/500 { return 500; }\n";
         c += "        location = /ready { return 200 \"" + token_ + "\"; }\n";

@@ -9,9 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "delivery/status_internal.h"
 #include "events/alert_record.h"
 #include "harness/certs.h"
 #include "harness/https_server.h"
+#include "harness/json_schema.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "interop/nginx_server.h"
@@ -50,6 +52,20 @@ const Variant kVariants[] = {
     {"TLSv1.3", "Tls13", CURL_SSLVERSION_TLSv1_2 | CURL_SSLVERSION_MAX_TLSv1_2},
     {"TLSv1.2", "Tls12", CURL_SSLVERSION_TLSv1_3},
 };
+
+// The delivery status of subscription id after nginx answered it with code: refused, counted,
+// and said once at level 2.
+void expectRefusedBy(const tk::LogCapture& log, const std::string& id, int code, int times) {
+    writeDeliveryStatusNow();
+    const Json::Value status = tk::readDeliveryStatus();
+    EXPECT_EQ(status[id]["LastOutcome"].asString(), "refused") << status;
+    EXPECT_EQ(status[id]["LastHttpStatus"].asInt(), code) << status;
+    EXPECT_EQ(status[id]["Refused"].asInt(), times) << status;
+    EXPECT_EQ(log.count(2, "of subscription " + id + " refused the delivery: HTTP " +
+                               std::to_string(code) + "; counted as delivered"),
+              1)
+        << log.dump();
+}
 
 std::string smallReport() {
     return std::string("{\"@odata.type\":\"#MetricReport.v1_4_2.MetricReport\",\"Id\":\"CPUUsage\","
@@ -304,6 +320,8 @@ TEST_P(NginxInteropTest, AlertAnswered401Or500CountsAsDelivered) {
     expectVerifiedEntry(entries[0], "/status/401", "401");
     expectVerifiedEntry(entries[1], "/status/500", "500");
     EXPECT_EQ(backend_->requestCount(), 0u);
+    expectRefusedBy(log, "401", 401, 1);
+    expectRefusedBy(log, "500", 500, 1);
 }
 
 TEST_P(NginxInteropTest, MetricReportAnswered401Or500CountsAsDelivered) {
@@ -332,6 +350,36 @@ TEST_P(NginxInteropTest, MetricReportAnswered401Or500CountsAsDelivered) {
     std::sort(statuses.begin(), statuses.end());
     EXPECT_EQ(statuses, (std::vector<std::string>{"401", "401", "500", "500"}));
     EXPECT_EQ(backend_->requestCount(), 0u);
+    expectRefusedBy(log, "401", 401, 2);
+    expectRefusedBy(log, "500", 500, 2);
+}
+
+// A collector whose body limit is below a report's size answers 413: counted as delivered, as
+// before, and now shown in the delivery status and once in the log; the next small report is
+// accepted again, which the log says once too.
+TEST_P(NginxInteropTest, BodyLimitRefusalShowsInTheDeliveryStatus) {
+    Json::Value store(Json::objectValue);
+    store["small"] = reportSubscription(url("/limited"));
+    writeStore(store);
+    tk::LogCapture log;
+    EXPECT_EQ(send_report_to_subscription(smallReport().c_str()), 0);
+    EXPECT_EQ(send_report_to_subscription(largeReport().c_str()), 0);
+    EXPECT_EQ(send_report_to_subscription(largeReport().c_str()), 0);
+    EXPECT_FALSE(log.containsAny("update retry count"));
+    EXPECT_EQ(queuedRecordCount(), queuedBefore_);
+    expectRefusedBy(log, "small", 413, 2);
+    EXPECT_EQ(send_report_to_subscription(smallReport().c_str()), 0);
+    writeDeliveryStatusNow();
+    const Json::Value status = tk::readDeliveryStatus();
+    EXPECT_EQ(status["small"]["LastOutcome"].asString(), "delivered") << status;
+    EXPECT_EQ(status["small"]["Delivered"].asInt(), 2) << status;
+    EXPECT_EQ(status["small"]["ConsecutiveProblems"].asInt(), 0) << status;
+    EXPECT_EQ(log.count(2, "of subscription small accepts deliveries again"), 1) << log.dump();
+    std::vector<std::string> statuses;
+    for (const Json::Value& entry : nginx_->settledAccessLog()) {
+        statuses.push_back(entry["status"].asString());
+    }
+    EXPECT_EQ(statuses, (std::vector<std::string>{"204", "413", "413", "204"}));
 }
 
 // A certificate nginx does not accept (here one made for a server, not a client) is refused
@@ -355,6 +403,7 @@ TEST_P(NginxInteropTest, CertificateNginxRefusesIsAnswered400AndCountsAsDelivere
     EXPECT_EQ(entries[0]["verify"].asString().rfind("FAILED:", 0), 0u)
         << entries[0]["verify"].asString();
     EXPECT_EQ(backend_->requestCount(), 0u);
+    expectRefusedBy(log, "1", 400, 1);
 }
 
 // The set-up itself: without a client certificate nothing reaches the backend, so the

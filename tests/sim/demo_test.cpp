@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "harness/json_schema.h"
 #include "sim/sim_run.h"
 
 using namespace rfevent;
@@ -49,6 +50,36 @@ TEST_F(SimulatorTest, DemoDeliversEverythingItExpects) {
     EXPECT_NE(run.output.find("SubscriptionStateAfterRetry=Disabled                  ok"),
               std::string::npos);
     EXPECT_NE(run.output.find("Plug-in unloaded."), std::string::npos);
+}
+
+// The refusing collector gets every report, answers 413, and the delivery status says so: in
+// the summary, in the file (which matches its schema) and in the status command's table.
+TEST_F(SimulatorTest, DemoShowsARefusedDeliveryEndToEnd) {
+    const std::string root = rfevent::testkit::sandboxRoot() + "/kept";
+    SimRun run = runSimulator("--root " + rfevent::testkit::shellQuoted(root) + " demo");
+    SCOPED_TRACE(run.output);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_TRUE(summaryRowOk(run.output, "refusing", 4));
+    EXPECT_TRUE(std::regex_search(run.output, std::regex("\\n  refusing [^\\n]* 0/4/0 ")));
+    EXPECT_TRUE(std::regex_search(run.output, std::regex("\\n  unreachable [^\\n]* 0/0/2 ")));
+    const std::string file = root + "/var/run/rfevent/delivery-status.json";
+    const Json::Value status = rfevent::testkit::parseJson(rfevent::testkit::readFile(file));
+    EXPECT_TRUE(rfevent::testkit::schemaViolations(rfevent::testkit::deliveryStatusSchema(), status)
+                    .empty());
+    EXPECT_EQ(status["5"]["LastOutcome"].asString(), "refused");
+    EXPECT_EQ(status["5"]["LastHttpStatus"].asInt(), 413);
+    const std::string log = rfevent::testkit::readFile(root + "/var/lib/rfevent/plugin.log");
+    const std::regex refusedLine("<2> \\[139\\] \\[[a-zA-Z]+\\(\\):[0-9]+\\]Destination "
+                                 "https://127\\.0\\.0\\.1:[0-9]+/events/refusing of subscription 5 "
+                                 "refused the delivery: HTTP 413; counted as delivered\\n");
+    EXPECT_EQ(std::distance(std::sregex_iterator(log.begin(), log.end(), refusedLine),
+                            std::sregex_iterator()),
+              1)
+        << log;
+    SimRun table = runSimulator("status --root " + rfevent::testkit::shellQuoted(root));
+    EXPECT_EQ(table.status, 0);
+    EXPECT_TRUE(std::regex_search(table.out, std::regex("\\n  5 +refused +413 +4 +0 +4 +0 ")))
+        << table.out;
 }
 
 TEST_F(SimulatorTest, SingleAlertReachesItsDestinationAndTheSseClient) {

@@ -120,9 +120,10 @@ TEST_F(SimulatorFailureTest, MissingDeliveriesFailWithTheReasonOnStderr) {
                               " report PowerMetrics");
     SCOPED_TRACE(run.output);
     EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.out.find("Result: 4 expectation(s) not met\n"), std::string::npos);
+    EXPECT_NE(run.out.find("Result: 5 expectation(s) not met\n"), std::string::npos);
     EXPECT_NE(run.out.find("  - destination reports: 0 of 1\n"), std::string::npos);
-    EXPECT_EQ(run.err, "rfevent-sim: 4 expectation(s) not met; the summary above lists them\n");
+    EXPECT_NE(run.out.find("  - destination refusing: 0 of 1\n"), std::string::npos);
+    EXPECT_EQ(run.err, "rfevent-sim: 5 expectation(s) not met; the summary above lists them\n");
     EXPECT_EQ(run.output.find(kSuccess), std::string::npos);
 }
 

@@ -26,6 +26,8 @@ const std::map<std::string, CommandInfo>& commands() {
         {"cpu-registers", {0, "cpu-registers", "announce the CPU register dump"}},
         {"replay", {2, "replay ID FILTER", "Last-Event-ID replay request of an SSE client"}},
         {"listen", {0, "listen", "receivers only, for a host or build of your own"}},
+        {"status",
+         {0, "status", "print the delivery status file of --root DIR (or of this machine)"}},
     };
     return table;
 }

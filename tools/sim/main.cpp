@@ -8,6 +8,7 @@
 #include "cli.h"
 #include "monitor.h"
 #include "simulation.h"
+#include "status_table.h"
 
 namespace {
 
@@ -37,6 +38,10 @@ int main(int argc, char** argv) {
     if (commandLine.help) {
         rfevent::sim::printUsage(std::cout);
         return rfevent::sim::kExitOk;
+    }
+    if (commandLine.command == "status") {
+        // Reads a running or kept sandbox; nothing is set up and no plug-in is loaded.
+        return rfevent::sim::printDeliveryStatus(commandLine.root, std::cout);
     }
     installSignalHandlers();
     int status = rfevent::sim::kExitSetup;

@@ -101,9 +101,10 @@ Monitor::~Monitor() {
 }
 
 std::string Monitor::addDestination(const std::string& name, const testkit::TestPki& pki,
-                                    const std::string& path) {
+                                    const std::string& path, int status) {
     testkit::HttpsServerOptions options;
     options.requireClientCert = true;
+    options.status = status;
     auto server = std::make_unique<testkit::HttpsServer>(pki, options);
     std::string url = server->url(path);
     destinations_.push_back({name, url, std::move(server), 0, 0});

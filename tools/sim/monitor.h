@@ -44,9 +44,10 @@ class Monitor {
     Monitor(const Monitor&) = delete;
     Monitor& operator=(const Monitor&) = delete;
 
-    // A live HTTPS destination with mutual TLS; returns its URL for the subscription.
+    // A live HTTPS destination with mutual TLS answering every request with status (413 for
+    // a collector that refuses what it gets); returns its URL for the subscription.
     std::string addDestination(const std::string& name, const testkit::TestPki& pki,
-                               const std::string& path);
+                               const std::string& path, int status = 200);
     // A destination where nothing listens; returns its URL.
     std::string addUnreachableDestination(const std::string& name, const std::string& path);
     // The SSE FIFO reader and the listener on a free loopback port; returns the port.
@@ -115,6 +116,9 @@ class Monitor {
     std::map<std::string, std::string> policyChanges() const;
     std::string stamp() const;
     void printDocument(const DocumentView& view);
+    // The plug-in's delivery status once it accounts for every request a destination got
+    // (it reaches its file within 3 s), or as it is after a few seconds.
+    Json::Value settledDeliveryStatus();
 
     const Sandbox& sandbox_;
     bool verbose_;

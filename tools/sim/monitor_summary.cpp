@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "monitor.h"
+#include "status_table.h"
 
 namespace rfevent::sim {
 
@@ -160,12 +161,19 @@ void Monitor::printSummary(bool stepFailed) {
     auto status = [](int received, int expected) {
         return received < expected ? "MISSING" : (received > expected ? "ok (more)" : "ok");
     };
+    const auto outcomes = countsByDestination(settledDeliveryStatus());
     out_ << "\nSummary\n";
-    out_ << "  " << pad("Destination", 16) << pad("URL", 40) << pad("expected", 10)
-         << pad("received", 10) << "status\n";
+    out_ << "  " << pad("Destination", 16) << pad("URL", 40) << pad("deliv/refus/fail", 18)
+         << pad("expected", 10) << pad("received", 10) << "status\n";
     for (const Destination& destination : destinations_) {
         int received = static_cast<int>(destination.seen);
-        out_ << "  " << pad(destination.name, 16) << pad(destination.url, 40)
+        auto counts = outcomes.find(destination.url);
+        const std::string outcome = counts == outcomes.end()
+                                        ? "-"
+                                        : std::to_string(counts->second.delivered) + "/" +
+                                              std::to_string(counts->second.refused) + "/" +
+                                              std::to_string(counts->second.failed);
+        out_ << "  " << pad(destination.name, 16) << pad(destination.url, 40) << pad(outcome, 18)
              << pad(std::to_string(destination.expected), 10) << pad(std::to_string(received), 10)
              << status(received, destination.expected) << "\n";
     }
@@ -217,6 +225,25 @@ void Monitor::printSummary(bool stepFailed) {
         out_ << "Result: every expected delivery arrived\n";
     }
     out_.flush();
+}
+
+Json::Value Monitor::settledDeliveryStatus() {
+    Json::Value status;
+    auto accountsForAll = [&] {
+        status = readDeliveryStatus(sandbox_.root());
+        const auto counts = countsByDestination(status);
+        for (const Destination& destination : destinations_) {
+            auto it = counts.find(destination.url);
+            const long long answered =
+                it == counts.end() ? 0 : it->second.delivered + it->second.refused;
+            if (destination.server && answered < static_cast<long long>(destination.seen)) {
+                return false;
+            }
+        }
+        return true;
+    };
+    waitUntil(accountsForAll, std::chrono::seconds(4));
+    return status;
 }
 
 void Monitor::stop() {

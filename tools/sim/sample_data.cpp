@@ -88,6 +88,10 @@ Json::Value sampleSubscriptionStore(const DestinationUrls& urls) {
     store["3"]["MetricReportDefinitions"].append(definition);
     store[kUnreachableSubscription] =
         subscription(urls.unreachable, "Event", "sim-unreachable", "SuspendRetries");
+    // A collector that refuses every report (413, as with a body limit): counted as delivered,
+    // so no policy applies; the delivery status file and the log say it.
+    store["5"] =
+        subscription(urls.refusing, "MetricReport", "sim-refusing-reports", "SuspendRetries");
     return store;
 }
 

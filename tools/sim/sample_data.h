@@ -16,6 +16,7 @@ inline constexpr const char* kReportsDestination = "reports";         // subscri
 inline constexpr const char* kPowerDestination = "power-reports";     // subscription "3"
 inline constexpr const char* kUnreachableDestination = "unreachable"; // subscription "4"
 inline constexpr const char* kUnreachableSubscription = "4";
+inline constexpr const char* kRefusingDestination = "refusing"; // subscription "5", answers 413
 
 // SSE keys: the alert frame key and the SSE clients' filter texts.
 inline constexpr const char* kSseAlertKey = "EventFormatType eq Event";
@@ -32,6 +33,7 @@ struct DestinationUrls {
     std::string reports;
     std::string power;
     std::string unreachable;
+    std::string refusing;
 };
 
 Json::Value sampleSubscriptionStore(const DestinationUrls& urls);

@@ -180,7 +180,9 @@ void Simulation::demo() {
         return;
     }
     stepHeader("2. Metric report PowerMetrics announced on the telemetry pipe");
-    note("looked up in the telemetry database; subscription 3 only wants PowerMetrics");
+    note("looked up in the telemetry database; subscription 3 only wants PowerMetrics;");
+    note("subscription 5's collector refuses every report (HTTP 413): counted as delivered,");
+    note("shown in the delivery status file and once in the log");
     for (const auto& [name, json] : sampleDatabaseReports()) {
         if (name == "PowerMetrics") {
             expectReport(json);
@@ -300,6 +302,7 @@ void Simulation::expectUnreachableRetries() {
 void Simulation::expectReport(const std::string& reportJson) {
     std::string definition = reportDefinition(reportJson);
     monitor_->expectDestination(kReportsDestination, 1);
+    monitor_->expectDestination(kRefusingDestination, 1);
     if (definition == std::string(kDefinitionsRoot) + "PowerMetrics") {
         monitor_->expectDestination(kPowerDestination, 1);
     }
@@ -310,6 +313,7 @@ void Simulation::expectReport(const std::string& reportJson) {
 
 void Simulation::expectLogReport(const char* sseKey) {
     monitor_->expectDestination(kReportsDestination, 1);
+    monitor_->expectDestination(kRefusingDestination, 1);
     monitor_->expectSse(sseKey, 1);
 }
 

@@ -62,6 +62,7 @@ void Simulation::prepareSandbox() {
     urls.reports = monitor_->addDestination(kReportsDestination, pki_, "/events/reports");
     urls.power = monitor_->addDestination(kPowerDestination, pki_, "/events/power");
     urls.unreachable = monitor_->addUnreachableDestination(kUnreachableDestination, "/events");
+    urls.refusing = monitor_->addDestination(kRefusingDestination, pki_, "/events/refusing", 413);
     int ssePort = monitor_->startSse();
     ssePort_ = ssePort;
 
