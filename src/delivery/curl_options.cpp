@@ -10,7 +10,6 @@
 #include "base/paths.h"
 #include "delivery/http_headers.h"
 #include "delivery/session_cache.h"
-#include "delivery/tls_credentials.h"
 
 namespace rfevent {
 
@@ -157,10 +156,6 @@ bool setPostOptions(SourceSpot spot, CURL* curl, const char* uri, const char* bo
         return false;
     }
     (void)curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, discardBody);
-    // A progress function of our own also keeps libcurl's progress meter off standard error.
-    (void)curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, stopFailedHandshake);
-    (void)curl_easy_setopt(curl, CURLOPT_XFERINFODATA, static_cast<void*>(curl));
-    (void)curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
     attachSessionCache(curl, uri, settings.certificateSwitch == VERIFY_CERTIFICATES);
     return true;
 }

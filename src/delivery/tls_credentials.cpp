@@ -306,28 +306,6 @@ CURLcode TlsCredentials::install(void* sslContext) const {
     return result;
 }
 
-int stopFailedHandshake(void* context, curl_off_t downloadTotal, curl_off_t downloaded,
-                        curl_off_t uploadTotal, curl_off_t uploaded) {
-    (void)downloadTotal;
-    (void)downloaded;
-    (void)uploadTotal;
-    (void)uploaded;
-    static const bool ours = tlsLibraryIsOurs();
-    curl_tlssessioninfo* session = nullptr;
-    if (!ours ||
-        curl_easy_getinfo(static_cast<CURL*>(context), CURLINFO_TLS_SSL_PTR, &session) !=
-            CURLE_OK ||
-        session == nullptr || session->backend != CURLSSLBACKEND_OPENSSL ||
-        session->internals == nullptr) {
-        return 0;
-    }
-    // "SSLERR": the state machine is in its error state, out of which nothing leads.
-    const auto* connection = static_cast<const SSL*>(session->internals);
-    return SSL_in_init(connection) != 0 && std::strcmp(SSL_state_string(connection), "SSLERR") == 0
-               ? 1
-               : 0;
-}
-
 CURLcode prepareTlsContext(CURL* curl, void* sslContext, void* credentials) {
     (void)curl;
     SSL_CTX_set_keylog_callback(static_cast<SSL_CTX*>(sslContext), nullptr);

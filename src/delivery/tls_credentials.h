@@ -60,15 +60,6 @@ class TlsCredentials {
 // secret of the plug-in's connections is ever written out.
 CURLcode prepareTlsContext(CURL* curl, void* sslContext, void* credentials);
 
-// libcurl's progress callback of every POST (context: the transfer's easy handle). It ends a
-// transfer whose TLS handshake the TLS library has already given up on. Such a handshake can
-// never go on, but when the error that ended it is lost before libcurl asks for it (seen when
-// memory ran short during the first handshake step, after which libcurl sets up its trust
-// store), libcurl takes it for one waiting to read and calls it again at once, for ever: no
-// time-out ends it when the retry interval is 0. Any other transfer goes on.
-int stopFailedHandshake(void* context, curl_off_t downloadTotal, curl_off_t downloaded,
-                        curl_off_t uploadTotal, curl_off_t uploaded);
-
 } // namespace rfevent
 
 #endif
