@@ -8,6 +8,7 @@
 
 #include "base/paths.h"
 #include "delivery/tls_credentials.h"
+#include "delivery/tls_credentials_internal.h"
 
 namespace rfevent {
 
@@ -36,14 +37,27 @@ void unlockData(CURL* handle, curl_lock_data data, void* user) {
 // (libcurl still matches host, port and TLS options within each), made as they are first needed.
 constexpr std::size_t kShareGroups = 16;
 
+// A parse of the credentials that cannot stand in for the files may have met a passing
+// failure (memory ran short): the contents are parsed again at the next transfer, up to this
+// many times in all. After that, the transfers of the generation load the files themselves.
+constexpr int kParses = 4;
+
 // The sessions made with one set of credential file contents, and those contents parsed. A
 // transfer that uses the parsed credentials is attached to one of the share handles too, so
 // once they are all idle nothing refers to the generation any more.
 struct Generation {
     CURLSH* shares[kShareGroups] = {};
-    bool labelled = false; // fingerprint and credentials are set
+    bool labelled = false; // the fingerprint is set
     std::uint64_t fingerprint = 0;
-    TlsCredentials* credentials = nullptr; // null when they cannot go into libcurl's contexts
+    // Every parse made of the contents, the latest last; one that is not usable is kept all
+    // the same until the generation is released (a transfer may still hold it).
+    TlsCredentials* parses[kParses] = {};
+    int parseCount = 0;
+
+    // The latest parse; null when there is none (the TLS library is not libcurl's).
+    const TlsCredentials* credentials() const {
+        return parseCount > 0 ? parses[parseCount - 1] : nullptr;
+    }
 };
 
 // A generation whose files changed stays until the last transfer attached to it is cleaned up;
@@ -107,12 +121,18 @@ CURLSH* shareFor(Generation& generation, const char* uri) {
     return share;
 }
 
-void label(Generation& generation, const CredentialFiles& files) {
-    generation.fingerprint = files.fingerprint;
-    if (g_cache.tlsLibraryIsOurs) {
-        generation.credentials = new (std::nothrow) TlsCredentials(files);
+// Parses the files' contents for the generation when it has no parse that can stand in for
+// them yet (checking: whether the CA bundle is needed), as long as it has parses left.
+void parseCredentials(Generation& generation, const CredentialFiles& files, bool checking) {
+    const TlsCredentials* latest = generation.credentials();
+    if (!g_cache.tlsLibraryIsOurs || (latest != nullptr && latest->usable(checking)) ||
+        generation.parseCount == kParses) {
+        return;
     }
-    generation.labelled = true;
+    TlsCredentials* parsed = new (std::nothrow) TlsCredentials(files);
+    if (parsed != nullptr) {
+        generation.parses[generation.parseCount++] = parsed;
+    }
 }
 
 // Releases the generation's share handles no transfer is attached to any more, and the
@@ -128,7 +148,9 @@ bool releaseIfIdle(Generation* generation) {
     if (!idle) {
         return false;
     }
-    delete generation->credentials;
+    for (int i = 0; i < generation->parseCount; ++i) {
+        delete generation->parses[i];
+    }
     delete generation;
     return true;
 }
@@ -155,8 +177,9 @@ bool retireCurrent() {
     return false;
 }
 
-// The generation of these contents, made when they changed; null when there is none.
-Generation* generationFor(const CredentialFiles& files) {
+// The generation of these contents, made when they changed, with the contents parsed if they
+// can be; null when there is none.
+Generation* generationFor(const CredentialFiles& files, bool checking) {
     if (!g_cache.open) {
         return nullptr;
     }
@@ -170,7 +193,11 @@ Generation* generationFor(const CredentialFiles& files) {
         g_cache.current = newGeneration();
     }
     if (g_cache.current != nullptr && !g_cache.current->labelled) {
-        label(*g_cache.current, files);
+        g_cache.current->fingerprint = files.fingerprint;
+        g_cache.current->labelled = true;
+    }
+    if (g_cache.current != nullptr) {
+        parseCredentials(*g_cache.current, files, checking);
     }
     return g_cache.current;
 }
@@ -228,17 +255,24 @@ void releaseSessionCache() {
     releaseIdleGenerations();
 }
 
+bool sessionCacheHoldsUsableCredentials(bool checking) {
+    std::lock_guard<std::mutex> guard(g_cache.mutex);
+    const Generation* generation = g_cache.current;
+    const TlsCredentials* credentials = generation != nullptr ? generation->credentials() : nullptr;
+    return credentials != nullptr && credentials->usable(checking);
+}
+
 void attachSessionCache(CURL* curl, const char* uri, bool checking) {
     const CredentialFiles files = readCredentialFiles();
     std::lock_guard<std::mutex> guard(g_cache.mutex);
     // Attached under the mutex, so no retired generation is released between the choice and
     // the attachment.
-    Generation* generation = generationFor(files);
+    Generation* generation = generationFor(files, checking);
     CURLSH* share = generation != nullptr ? shareFor(*generation, uri) : nullptr;
     (void)curl_easy_setopt(curl, CURLOPT_SHARE, share);
-    if (share == nullptr || generation->credentials == nullptr ||
-        !generation->credentials->usable(checking) ||
-        !useParsed(curl, checking, generation->credentials)) {
+    const TlsCredentials* credentials = share != nullptr ? generation->credentials() : nullptr;
+    if (credentials == nullptr || !credentials->usable(checking) ||
+        !useParsed(curl, checking, credentials)) {
         useFiles(curl, checking);
     }
 }

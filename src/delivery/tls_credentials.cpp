@@ -15,12 +15,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <new>
 
 #include "base/fd.h"
 #include "base/paths.h"
+#include "delivery/tls_credentials_internal.h"
 
 namespace rfevent {
 
@@ -28,6 +30,8 @@ namespace {
 
 constexpr std::uint64_t kFnvOffset = 0xcbf29ce484222325ULL;
 constexpr std::uint64_t kFnvPrime = 0x100000001b3ULL;
+
+std::atomic<bool> g_failParses{false};
 
 // 64-bit FNV-1a over one more piece.
 std::uint64_t hashBytes(std::uint64_t hash, const void* data, std::size_t length) {
@@ -81,10 +85,16 @@ bool onlyEndOfFileLeft() {
     return ERR_GET_LIB(error) == ERR_LIB_PEM && ERR_GET_REASON(error) == PEM_R_NO_START_LINE;
 }
 
-// OpenSSL fills a certificate's extension cache on first use; doing it here, once, keeps
-// handshakes on several threads from filling it at the same time.
-void warmCache(X509* certificate) {
-    (void)X509_check_purpose(certificate, -1, 0);
+// Whether a parsed certificate is whole. Its public key is decoded with the certificate, and a
+// decoding that failed (an allocation failure on the way is enough) is not tried again: the
+// certificate stays without a key. OpenSSL fills a certificate's extension cache on first use;
+// doing it here, once, keeps handshakes on several threads from filling it at the same time,
+// and a fill that fails marks the certificate invalid for good. Either way every handshake
+// with the certificate would fail, so such a certificate does not load.
+bool wholeCertificate(X509* certificate) {
+    return X509_get0_pubkey(certificate) != nullptr &&
+           X509_check_purpose(certificate, -1, 0) == 1 &&
+           (X509_get_extension_flags(certificate) & EXFLAG_INVALID) == 0;
 }
 
 } // namespace
@@ -113,10 +123,11 @@ struct TlsCredentials::Parsed {
         if (certificate == nullptr || chain == nullptr) {
             return false;
         }
-        warmCache(certificate);
+        if (!wholeCertificate(certificate)) {
+            return false;
+        }
         while (X509* next = PEM_read_bio_X509(in.bio, nullptr, nullptr, nullptr)) {
-            warmCache(next);
-            if (sk_X509_push(chain, next) == 0) {
+            if (!wholeCertificate(next) || sk_X509_push(chain, next) == 0) {
                 X509_free(next);
                 return false;
             }
@@ -151,8 +162,8 @@ struct TlsCredentials::Parsed {
         for (int i = 0; i < sk_X509_INFO_num(entries) && complete; ++i) {
             X509_INFO* entry = sk_X509_INFO_value(entries, i);
             if (entry->x509 != nullptr) {
-                warmCache(entry->x509);
-                complete = X509_STORE_add_cert(store, entry->x509) == 1;
+                complete =
+                    wholeCertificate(entry->x509) && X509_STORE_add_cert(store, entry->x509) == 1;
                 ++count;
             }
             if (complete && entry->crl != nullptr) {
@@ -247,7 +258,8 @@ TlsCredentials::TlsCredentials(const CredentialFiles& files) : parsed_(new (std:
         return;
     }
     Parsed& parsed = *parsed_;
-    if (!parsed.loadCertificate(files.certificate) || !parsed.loadKey(files.key)) {
+    const bool failed = g_failParses.load(std::memory_order_relaxed);
+    if (failed || !parsed.loadCertificate(files.certificate) || !parsed.loadKey(files.key)) {
         X509_free(parsed.certificate);
         parsed.certificate = nullptr;
         EVP_PKEY_free(parsed.key);
@@ -259,6 +271,10 @@ TlsCredentials::TlsCredentials(const CredentialFiles& files) : parsed_(new (std:
     }
     // Nothing of the parsing may be left for libcurl to find on this thread's error queue.
     ERR_clear_error();
+}
+
+void failCredentialParses(bool on) {
+    g_failParses.store(on, std::memory_order_relaxed);
 }
 
 TlsCredentials::~TlsCredentials() {

@@ -13,6 +13,7 @@
 #include "delivery/session_cache.h"
 #include "delivery/single_post.h"
 #include "delivery/tls_credentials.h"
+#include "delivery/tls_credentials_internal.h"
 #include "harness/certs.h"
 #include "harness/https_server.h"
 #include "harness/log_capture.h"
@@ -170,6 +171,22 @@ TEST_F(TlsCredentialsTest, KnownStatesEndAsLibcurlReportsThem) {
     EXPECT_EQ(expectSameOutcome("no CA bundle", true).failure,
               "curl_easy_perform failed with status 77 ");
     EXPECT_TRUE(expectSameOutcome("no CA bundle", false).delivered);
+}
+
+// A parse that met a failure on the way (memory ran short) is not kept for the contents: that
+// transfer loads the files itself, and the next one parses the same contents again.
+TEST_F(TlsCredentialsTest, AParseThatMetAFailureIsMadeAgainAtTheNextPost) {
+    installClientCredentials(pki_, sandboxRoot(), true);
+    writeDeliveryAttributes(1, 0, "No");
+    HttpsServer server(pki_);
+    releaseSessionCache(); // a fresh generation: the files are parsed at the next POST
+    createSessionCache();
+    failCredentialParses(true);
+    EXPECT_TRUE(postOnce(server).delivered);
+    EXPECT_FALSE(sessionCacheHoldsUsableCredentials(true));
+    failCredentialParses(false);
+    EXPECT_TRUE(postOnce(server).delivered);
+    EXPECT_TRUE(sessionCacheHoldsUsableCredentials(true));
 }
 
 } // namespace
