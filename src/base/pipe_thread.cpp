@@ -29,12 +29,14 @@ int openForReadingWhenWritten(const char* path) {
     return fd;
 }
 
-// One read; a signal handled before anything arrived does not end it.
-ssize_t readResumed(int fd, char* buffer, std::size_t size) {
-    ssize_t count = 0;
-    do {
+// A read that failed: read again while a signal handled before anything arrived is why. Out of
+// line, so that the common read keeps no register of its own for this rare path.
+__attribute__((noinline, cold)) ssize_t readAgainAfterSignal(int fd, char* buffer,
+                                                             std::size_t size) {
+    ssize_t count = -1;
+    while (count < 0 && errno == EINTR) {
         count = ::read(fd, buffer, size);
-    } while (count < 0 && errno == EINTR);
+    }
     return count;
 }
 
@@ -72,7 +74,10 @@ ssize_t readPipeOnce(const PipeThread& pipe, int fd) {
     // A constant spot: only the guard's failure path reads it, from memory, so that no register
     // is kept for it around every read's handling.
     static constexpr SourceSpot kSpot = RF_HERE;
-    ssize_t count = readResumed(fd, pipe.buffer, pipe.readSize);
+    ssize_t count = ::read(fd, pipe.buffer, pipe.readSize);
+    if (count < 0) {
+        count = readAgainAfterSignal(fd, pipe.buffer, pipe.readSize);
+    }
     if (count >= 0) {
         guarded(kSpot, "Pipe read dropped", [&] { pipe.handleRead(pipe.buffer, count); });
     }
