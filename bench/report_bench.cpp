@@ -198,18 +198,40 @@ void slowDestination(const Context& context, Table& table, HttpsServer& server,
     options.resumption = false;
     options.delayMs = 1000;
     HttpsServer slow(context.pki, options);
-    testkit::writeSubscriptionStore(reportStore(server, 30, &slow));
+    const Json::Value store = reportStore(server, 30, &slow);
+    testkit::writeSubscriptionStore(store);
+    std::vector<std::string> urls;
+    for (const std::string& id : store.getMemberNames()) {
+        urls.push_back(store[id]["Destination"].asString());
+    }
+    auto check = [&] {
+        if (server.requestCount() != 29 || slow.requestCount() != 1) {
+            throw std::runtime_error("slow report case: a destination missed the report");
+        }
+    };
+    auto clear = [&] {
+        server.clear();
+        slow.clear();
+    };
     const double seconds = medianSeconds(
         [&] {
-            server.clear();
-            slow.clear();
+            clear();
             send_report_to_subscription(report.c_str());
-            if (server.requestCount() != 29 || slow.requestCount() != 1) {
-                throw std::runtime_error("slow report case: a destination missed the report");
-            }
+            check();
         },
         context.schedule(3, 1));
+    const double plain = medianSeconds(
+        [&] {
+            clear();
+            plainMultiPass(urls, report);
+            check();
+        },
+        context.schedule(3, 1));
+    // Against the least any pass can take (the slow answer), and against the plain pass to the
+    // same destinations, which waits for the same answer: the bound holds the second.
     table.add({"metric report to 30, one answering after 1 s (pass vs 1 s)", seconds, 1.0,
+               Unit::Seconds, true, 0});
+    table.add({"metric report to 30, one answering after 1 s (pass vs plain pass)", seconds, plain,
                Unit::Seconds, true, kProtocolBound});
 }
 
