@@ -7,6 +7,7 @@
 #include <string>
 
 #include "base/json.h"
+#include "base/report.h"
 #include "fuzz_support.h"
 
 namespace rfevent::fuzz {

@@ -18,12 +18,6 @@ bool readFileText(const char* path, std::string& text) {
     return fd.valid() && readAll(fd.get(), text) == 0;
 }
 
-// Parses report text; a report whose top level is not an object has no fields.
-bool parseReport(const char* report, Json::Value& root) {
-    RF_Json_Reader reader;
-    return reader.parse(std::string(report), root) && root.isObject();
-}
-
 } // namespace
 
 bool loadJsonObject(SourceSpot spot, const char* path, const JsonFileTexts& texts,
@@ -55,14 +49,8 @@ QuietLoad loadJsonObjectQuietly(const char* path, Json::Value& root) {
     if (!readFileText(path, text)) {
         return errno == ENOENT ? QuietLoad::Absent : QuietLoad::Unparsable;
     }
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     std::string errors;
-    try {
-        if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors)) {
-            return QuietLoad::Unparsable;
-        }
-    } catch (const std::exception&) {
+    if (!parseJsonQuietly(text, root, errors)) {
         return QuietLoad::Unparsable;
     }
     if (!root.isObject()) {
@@ -77,46 +65,28 @@ std::string writeCompactJson(const Json::Value& value) {
     return Json::writeString(writer, value);
 }
 
-std::string getMetricReportDefinition(const char* report) {
-    Json::Value root;
-    if (!parseReport(report, root)) {
-        return "";
+bool parseJsonQuietly(std::string_view text, Json::Value& root, std::string& errors) {
+    try {
+        Json::CharReaderBuilder builder;
+        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        return reader->parse(text.data(), text.data() + text.size(), &root, &errors);
+    } catch (const std::exception& error) {
+        // Too deep nesting, for one: a failed parse, never an exception for the caller.
+        errors = error.what();
+        return false;
     }
-    if (!root.isMember("MetricReportDefinition")) {
-        std::string name = root["Name"].asString();
-        if (name == "CPURegisters Report") {
-            return "/redfish/v1/TelemetryService/MetricReportDefinitions/CPURegisters";
-        }
-        if (name == "SerialLog Report") {
-            return "/redfish/v1/TelemetryService/MetricReportDefinitions/SerialLog";
-        }
-        RF_LOG(kLogError, "[%s():%d]Could not find MetricReportDefinition Object in event\n");
-        return "";
-    }
-    RF_LOG(kLogInfo, "[%s():%d]found MetricReportDefinition in event\n");
-    const Json::Value& definition = root["MetricReportDefinition"];
-    if (definition.isMember("@odata.id")) {
-        RF_LOG(kLogError, "[%s():%d]foud MetricReportDefinition OdataId in event\n");
-        const Json::Value& id = definition["@odata.id"];
-        if (id.isString()) {
-            RF_LOG(kLogInfo, "[%s():%d]OdataId = %s\n", id.asCString());
-            return id.asString();
-        }
-    }
-    return "";
 }
 
-std::string getReportSequence(const char* report) {
-    Json::Value root;
-    if (!parseReport(report, root)) {
-        RF_LOG(kLogError, "[%s():%d]Could not find ReportSequence in event\n");
-        return "";
+// Written under the name of RF_Json_Reader::parse, which writes them around its parse.
+void writeParseLines(const std::string& errors) {
+    ::orvaprintf(kLogDebug, kLogModule, "[%s:%d]Entering %s Function", sourceBaseName(__FILE__),
+                 __LINE__, "parse");
+    if (!errors.empty()) {
+        RF_LOG_AT((SourceSpot{"parse", __LINE__}), kLogError, "[%s():%d]Errors found : %s",
+                  errors.c_str());
     }
-    if (root.isMember("ReportSequence")) {
-        RF_LOG(kLogInfo, "[%s():%d]found ReportSequence in Metric Report\n");
-        return root["ReportSequence"].asString();
-    }
-    return "";
+    ::orvaprintf(kLogDebug, kLogModule, "[%s:%d]Exiting %s Function", sourceBaseName(__FILE__),
+                 __LINE__, "parse");
 }
 
 } // namespace rfevent
@@ -146,13 +116,9 @@ template <typename Parse> bool parseReportingErrors(rfevent::SourceSpot spot, Pa
 
 bool RF_Json_Reader::parse(std::string text, Json::Value& root, bool collectComments) {
     (void)collectComments;
-    RF_ENTER();
-    bool ok = parseReportingErrors(RF_HERE, [&](std::string& errors) {
-        Json::CharReaderBuilder builder;
-        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        return reader->parse(text.data(), text.data() + text.size(), &root, &errors);
-    });
-    RF_EXIT();
+    std::string errors;
+    const bool ok = rfevent::parseJsonQuietly(text, root, errors);
+    rfevent::writeParseLines(errors);
     return ok;
 }
 

@@ -1,9 +1,10 @@
 // JSON in the whole plug-in: the reader (RF_Json_Reader, public), loading a JSON file, the
-// compact writer of every document sent, and the two routing fields of a metric report.
+// compact writer of every document sent.
 #ifndef RFEVENT_BASE_JSON_H
 #define RFEVENT_BASE_JSON_H
 
 #include <string>
+#include <string_view>
 
 #include <json/json.h>
 
@@ -36,10 +37,12 @@ QuietLoad loadJsonObjectQuietly(const char* path, Json::Value& root);
 // Compact JSON (no indentation), members in the library's ascending order.
 std::string writeCompactJson(const Json::Value& value);
 
-// The URI of the report's definition, or "" (report must not be null).
-std::string getMetricReportDefinition(const char* report);
-// The report's "ReportSequence" as text, or "" (report must not be null).
-std::string getReportSequence(const char* report);
+// Parses text as RF_Json_Reader::parse does, without a line: errors gets what the library
+// reported, or what it raised (the parse then failed).
+bool parseJsonQuietly(std::string_view text, Json::Value& root, std::string& errors);
+
+// The lines RF_Json_Reader::parse writes around a parse that reported errors ("" = none).
+void writeParseLines(const std::string& errors);
 
 } // namespace rfevent
 

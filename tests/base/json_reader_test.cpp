@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "base/json.h"
+#include "base/report.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 
