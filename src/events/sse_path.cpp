@@ -10,6 +10,7 @@
 #include "base/paths.h"
 #include "events/event_record.h"
 #include "platform/platform.h"
+#include "sse/message.h"
 #include "sse/transport.h"
 #include "subscriptions/subscription.h"
 
@@ -33,11 +34,7 @@ std::string composeFrame(SseAlertCall& call) {
     Json::Value id = special ? Json::Value(0) : Json::Value(call.number);
     Json::Value document = rfevent::eventDocument(call.number, id, nullptr, event);
 
-    std::string frame = "EventFormatType eq Event=";
-    frame += special ? std::string("<id:0>:") : "<id:" + call.number + ">:";
-    frame += rfevent::writeCompactJson(document);
-    frame += "<END>";
-    return frame;
+    return alertFrame(special ? "0" : call.number, rfevent::writeCompactJson(document));
 }
 
 void sendFrame(SseAlertCall& call) {

@@ -20,6 +20,7 @@
 #include "base/mutex_lock.h"
 #include "base/paths.h"
 #include "base/pause.h"
+#include "sse/message.h"
 
 namespace rfevent {
 
@@ -228,18 +229,13 @@ PieceResult send_to_sock_sse(const char* msg, WithOutcome /*unused*/) {
 
 } // namespace
 
-std::string messagePrefix(std::string_view message) {
-    std::size_t at = message.find("<id:");
-    return std::string(at == std::string_view::npos ? message : message.substr(0, at));
-}
-
 void sendReportMessage(const std::string& message) {
     if (message.size() > static_cast<std::size_t>(kSsePieceSize)) {
         sse_chunk_send(message.c_str());
         return;
     }
     if (!serverStoppedAccepting(send_to_sock_sse(message.c_str(), WithOutcome{}))) {
-        send_to_sock_sse((messagePrefix(message) + "<END>").c_str(), WithOutcome{});
+        send_to_sock_sse(endMarker(messagePrefix(message)).c_str(), WithOutcome{});
     }
 }
 
@@ -299,7 +295,7 @@ int sse_chunk_send(const char* msg) {
             return 0;
         }
     }
-    send_to_sock_sse((prefix + "<END>").c_str(), WithOutcome{});
+    send_to_sock_sse(endMarker(prefix).c_str(), WithOutcome{});
     return 0;
 }
 

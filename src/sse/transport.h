@@ -25,9 +25,6 @@ int send_to_sock_sse(const char* msg);
 // Sends a report message of any length in pieces of 4096 bytes, then the end marker; 0.
 int sse_chunk_send(const char* msg);
 
-// The prefix of a report message: its text before the first "<id:", or all of it.
-std::string messagePrefix(std::string_view message);
-
 // A report message as the socket carries it: a message of at most 4096 bytes whole and then
 // its end marker, a longer one through sse_chunk_send.
 void sendReportMessage(const std::string& message);
