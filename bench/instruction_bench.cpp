@@ -73,10 +73,8 @@ void writeAll(int fd, const std::string& bytes) {
 
 // The plug-in's reader: one read of the pipe per announcement, as they arrive one by one.
 void parseWithPlugin(const std::vector<std::string>& list, bool counted) {
-    TelemetryPipeActions saved = g_telemetryPipeActions;
-    g_telemetryPipeActions.lookup = noSuchReport;
     auto state = std::make_unique<TelemetryPipeState>();
-    std::memset(state.get(), 0, sizeof *state);
+    state->lookup = noSuchReport;
     const PipeThread reader = telemetryPipe(*state);
     Pipe pipe;
     if (counted) {
@@ -89,7 +87,6 @@ void parseWithPlugin(const std::vector<std::string>& list, bool counted) {
     if (counted) {
         CALLGRIND_TOGGLE_COLLECT;
     }
-    g_telemetryPipeActions = saved;
 }
 
 // The shortest reader: split at "|", skip the NUL after it, look the name up.

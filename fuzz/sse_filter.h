@@ -13,6 +13,7 @@
 #include "base/paths.h"
 #include "fuzz_support.h"
 #include "sse/filter.h"
+#include "sse/filter_internal.h"
 
 namespace rfevent::fuzz {
 

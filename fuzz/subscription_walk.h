@@ -49,7 +49,7 @@ inline int subscriptionWalk(const uint8_t* data, std::size_t size) {
     if (reader.parse(in[0], store) && store.isObject()) {
         std::vector<DeliveryTarget*> targets;
         try {
-            selectTargets(store, report.c_str(), targets);
+            selectTargets(store, ParsedReport(report.c_str()), targets);
         } catch (const std::exception&) {
         }
         removeFromSubscription(targets);

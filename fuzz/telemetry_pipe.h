@@ -20,22 +20,14 @@ inline char* lookup(const char* name) {
     (void)std::strlen(name);
     return nullptr;
 }
-inline int send(const char*) {
-    return 0;
-}
-inline int serialLog() {
-    return 0;
-}
-inline void cpuRegisters() {}
+inline void builtInReport(const BuiltInReport&) {}
 } // namespace pipe_actions
 
 inline int telemetryPipe(const uint8_t* data, std::size_t size) {
     ensureRoot();
-    const TelemetryPipeActions saved = g_telemetryPipeActions;
-    g_telemetryPipeActions = {pipe_actions::lookup, pipe_actions::send, pipe_actions::send,
-                              pipe_actions::serialLog, pipe_actions::cpuRegisters};
     auto state = std::make_unique<TelemetryPipeState>();
-    std::memset(state.get(), 0, sizeof(TelemetryPipeState));
+    state->lookup = pipe_actions::lookup;
+    state->builtInReport = pipe_actions::builtInReport;
     std::size_t at = 0;
     while (at < size) {
         const std::size_t wanted =
@@ -50,7 +42,6 @@ inline int telemetryPipe(const uint8_t* data, std::size_t size) {
         std::memset(state->readBuffer, 0, sizeof state->readBuffer);
         at += n;
     }
-    g_telemetryPipeActions = saved;
     return 0;
 }
 

@@ -4,8 +4,7 @@
 
 #include "base/guard.h"
 #include "base/log.h"
-#include "events/sse_path.h"
-#include "events/subscriber_path.h"
+#include "publish/publish.h"
 #include "rfevent/redfish_event.h"
 
 namespace rfevent {
@@ -32,16 +31,13 @@ extern "C" RFEVENT_API void sendRedFishEventAlert(DataEventHeader* header, void*
         RF_EXIT();
         return;
     }
-    // Each path is a unit of its own: an exception ends that path only, never the host's
+    // Each channel is a unit of its own: an exception ends that channel only, never the host's
     // thread, and the SSE path still runs after a failed subscriber path.
     bool enabled = false;
     rfevent::guarded(RF_HERE, "isRedfishEventingEnabled dropped the alert",
                      [&] { enabled = rfevent::isRedfishEventingEnabled(); });
     if (enabled) {
-        rfevent::guarded(RF_HERE, "sendRedFishEvent dropped the alert",
-                         [&] { rfevent::sendRedFishEvent(header, eventContext); });
-        rfevent::guarded(RF_HERE, "sendRedFishEvent_SSE dropped the alert",
-                         [&] { rfevent::sendRedFishEvent_SSE(header, eventContext); });
+        rfevent::publishAlert(RF_HERE, header, eventContext);
     }
     RF_EXIT();
 }

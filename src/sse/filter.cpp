@@ -1,12 +1,17 @@
 #include "sse/filter.h"
 
 #include <algorithm>
+#include <map>
 
 #include <json/json.h>
 
+#include "base/builtin_reports.h"
 #include "base/json.h"
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/report.h"
+#include "sse/filter_internal.h"
+#include "sse/message.h"
 #include "sse/transport.h"
 
 namespace rfevent {
@@ -41,18 +46,56 @@ bool termSelects(const std::string& term, const std::string& definitionUri) {
     return removeBraces(value) == definitionUri;
 }
 
+// One client's record: when its filter selects the report, adds its message (the filter
+// text, "=" and tail: the marker and the report) unless an equal one is there. True when it
+// selected the report. Its lines are written under the caller's name (spot).
+bool clientSelects(SourceSpot spot, const Json::Value& record, const std::string& definitionUri,
+                   const std::string& tail, std::list<std::string>& messages) {
+    if (!record.isObject() || !record.isMember("Event-type")) {
+        return false;
+    }
+    if (!record["Event-type"].isString()) {
+        RF_LOG_AT(spot, kLogError, "[%s():%d]SSE subscription skipped: Event-type is not text");
+        return false;
+    }
+    const std::string filter = record["Event-type"].asString();
+    RF_LOG_AT(spot, kLogDebug, "[%s():%d]Event-Type: %s", filter.c_str());
+    const std::string message = reportMessage(filter, "", tail);
+    bool selected = false;
+    if (filter == kWholeMatchFilter) {
+        RF_LOG_AT(spot, kLogDebug, "[%s():%d]Filter match found:%s", filter.c_str());
+        addUnique(messages, message);
+        selected = true;
+    }
+    for (const std::string& term : split(filter, " or ")) {
+        RF_LOG_AT(spot, kLogDebug, "[%s():%d]Event: %s", term.c_str());
+        RF_LOG_AT(spot, kLogDebug, "[%s():%d]Metric definition: %s", definitionUri.c_str());
+        if (termSelects(term, definitionUri)) {
+            RF_LOG_AT(spot, kLogDebug, "[%s():%d]Filter match found:%s", term.c_str());
+            addUnique(messages, message);
+            return true;
+        }
+    }
+    return selected;
+}
+
 } // namespace
 
 int send_report_to_sse(const char* report) {
+    send_report_to_sse(ParsedReport(report));
+    return 0;
+}
+
+void send_report_to_sse(const ParsedReport& report) {
     RF_ENTER();
-    if (report == nullptr) {
+    if (report.text() == nullptr) {
         RF_LOG(kLogError, "[%s():%d]Report is NULL");
-        return 0;
+        return;
     }
-    std::string idMarker = "<id:" + getReportSequence(report) + ">:";
     std::list<std::string> messages;
-    if (filterEventsSSE(report, messages, idMarker) != 0) {
-        return 0;
+    if (filterEventsSSE(report, messages, sequenceMarker(report.sequence())) !=
+        SseFilterResult::Matched) {
+        return;
     }
     RF_LOG(kLogDebug, "[%s():%d]filterEventsSSE is success with %d clients \n",
            static_cast<int>(messages.size()));
@@ -63,60 +106,69 @@ int send_report_to_sse(const char* report) {
         sendReportMessage(message);
         ++index;
     }
-    return 0;
 }
 
 int filterEventsSSE(const char* report, std::list<std::string>& messages, std::string idMarker) {
+    return static_cast<int>(filterEventsSSE(ParsedReport(report), messages, idMarker));
+}
+
+SseFilterResult filterEventsSSE(const ParsedReport& report, std::list<std::string>& messages,
+                                const std::string& idMarker) {
     RF_ENTER();
-    if (report == nullptr) {
+    if (report.text() == nullptr) {
         RF_LOG(kLogError, "[%s():%d]Invalid event data\n");
-        return 1;
+        return SseFilterResult::Failed;
     }
-    std::string definitionUri = getMetricReportDefinition(report);
+    const std::string& definitionUri = report.definitionUri();
     if (definitionUri.empty()) {
         RF_LOG(kLogError, "[%s():%d]Could not find MetricReportDefinition in event\n");
-        return 1;
+        return SseFilterResult::Failed;
     }
     Json::Value root;
     if (!rfevent::loadJsonObject(RF_HERE, rfevent::fixedPath(rfevent::FixedPath::SseSubscriptions),
                                  kSseSubscriptionsFile, root)) {
-        return 1;
+        return SseFilterResult::Failed;
     }
     RF_LOG(kLogInfo, "[%s():%d]The MetricReportDefnition is %s", definitionUri.c_str());
-
-    int result = 2;
+    SseFilterResult result = SseFilterResult::NoneMatched;
     for (const Json::Value& record : root) {
-        if (!record.isObject() || !record.isMember("Event-type")) {
-            continue;
-        }
-        if (!record["Event-type"].isString()) {
-            RF_LOG(kLogError, "[%s():%d]SSE subscription skipped: Event-type is not text");
-            continue;
-        }
-        const std::string filter = record["Event-type"].asString();
-        RF_LOG(kLogDebug, "[%s():%d]Event-Type: %s", filter.c_str());
-        std::string message = filter;
-        message += '=';
-        message += idMarker;
-        message += report;
-        if (filter == kWholeMatchFilter) {
-            RF_LOG(kLogDebug, "[%s():%d]Filter match found:%s", filter.c_str());
-            addUnique(messages, message);
-            result = 0;
-        }
-        for (const std::string& term : split(filter, " or ")) {
-            RF_LOG(kLogDebug, "[%s():%d]Event: %s", term.c_str());
-            RF_LOG(kLogDebug, "[%s():%d]Metric definition: %s", definitionUri.c_str());
-            if (termSelects(term, definitionUri)) {
-                RF_LOG(kLogDebug, "[%s():%d]Filter match found:%s", term.c_str());
-                addUnique(messages, message);
-                result = 0;
-                break;
-            }
+        if (clientSelects(RF_HERE, record, definitionUri, idMarker + report.text(), messages)) {
+            result = SseFilterResult::Matched;
         }
     }
     RF_EXIT();
     return result;
+}
+
+int sendLog_to_sse(const char* reportJson, const char* type) {
+    const BuiltInReport* builtIn = builtInReportOfType(type, BuiltInOrder::SerialLogFirst);
+    if (builtIn == nullptr) {
+        RF_LOG(kLogError, "[%s():%d]invalid type");
+        return -1;
+    }
+    sendLog_to_sse(reportJson, *builtIn);
+    return 0;
+}
+
+void sendLog_to_sse(const char* reportJson, const BuiltInReport& type) {
+    const int id = type.counter->fetch_add(1, std::memory_order_relaxed);
+    std::string message =
+        reportMessage(type.sseFilter, sequenceMarker(std::to_string(id)), reportJson);
+    EncodeStr(message);
+    sendReportMessage(message);
+}
+
+void EncodeStr(std::string& message) {
+    RF_ENTER();
+    const std::map<std::string, std::string> substitutions = {{";", "%3B"}};
+    for (const auto& [from, to] : substitutions) {
+        std::size_t position = message.find(from);
+        while (position != std::string::npos) {
+            message.replace(position, from.size(), to);
+            position = message.find(from);
+        }
+    }
+    RF_EXIT();
 }
 
 std::string removeBraces(std::string s) {

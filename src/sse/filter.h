@@ -7,14 +7,27 @@
 
 namespace rfevent {
 
+class ParsedReport;
+struct BuiltInReport;
+
 // Sends report to every matching SSE client, one message per distinct filter text; 0.
 int send_report_to_sse(const char* report);
+void send_report_to_sse(const ParsedReport& report);
+
+// What filterEventsSSE found: the values are those its callers have always been given.
+enum class SseFilterResult { Matched = 0, Failed = 1, NoneMatched = 2 };
 
 // Appends one message per distinct matching filter: 0 some matched, 2 none, 1 failure.
 int filterEventsSSE(const char* report, std::list<std::string>& messages, std::string idMarker);
+SseFilterResult filterEventsSSE(const ParsedReport& report, std::list<std::string>& messages,
+                                const std::string& idMarker);
 
-// Strips one enclosing pair of parentheses, then one enclosing pair of single quotes.
-std::string removeBraces(std::string s);
+// A built-in report to the SSE clients of its type's fixed key: 0, -1 for an unknown type.
+int sendLog_to_sse(const char* reportJson, const char* type);
+void sendLog_to_sse(const char* reportJson, const BuiltInReport& type);
+
+// Replaces every ";" of message by "%3B".
+void EncodeStr(std::string& message);
 
 // Splits s on every delimiter occurrence, dropping empty pieces.
 std::list<std::string> split(const std::string& s, const std::string& delimiter);

@@ -9,6 +9,7 @@
 #include "base/json.h"
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/report.h"
 #include "delivery/parallel_post.h"
 #include "subscriptions/invalid_dest.h"
 #include "subscriptions/store.h"
@@ -48,7 +49,8 @@ bool hasElements(const Json::Value& subscription, const char* key) {
 }
 
 // Whether the subscription wants this report; logs as it decides.
-bool isSelected(const std::string& id, const Json::Value& subscription, const char* report) {
+bool isSelected(const std::string& id, const Json::Value& subscription,
+                const ParsedReport& report) {
     if (subscription["SubscriptionType"].asString() == "Syslog") {
         return false;
     }
@@ -66,11 +68,11 @@ bool isSelected(const std::string& id, const Json::Value& subscription, const ch
     const bool invalidDestination = subscription.isMember("InvalidDestination");
     if (hasElements(subscription, "MetricReportDefinitions") && !invalidDestination) {
         return isReportMatchTheSubscription(subscription["MetricReportDefinitions"],
-                                            getMetricReportDefinition(report));
+                                            report.definitionUri());
     }
     if (hasElements(subscription, "OriginResources") && !invalidDestination) {
         return isReportMatchTheSubscription(subscription["OriginResources"],
-                                            getMetricReportDefinition(report));
+                                            report.definitionUri());
     }
     RF_LOG(kLogDebug,
            "[%s():%d]Could not find [%s] in [%s] subscription. Obtaining the Destination",
@@ -126,7 +128,7 @@ void queueFailures(const std::vector<DeliveryTarget*>& group, const char* report
 } // namespace
 
 // Selects the targets of the report, in the store's member order.
-void selectTargets(const Json::Value& store, const char* report,
+void selectTargets(const Json::Value& store, const ParsedReport& report,
                    std::vector<DeliveryTarget*>& targets) {
     for (auto it = store.begin(); it != store.end(); ++it) {
         const std::string id = it.name();
@@ -149,21 +151,26 @@ void selectTargets(const Json::Value& store, const char* report,
 }
 
 int send_report_to_subscription(const char* report) {
+    return send_report_to_subscription(ParsedReport(report)) ? 0 : -1;
+}
+
+bool send_report_to_subscription(const ParsedReport& parsed) {
     RF_ENTER();
+    const char* report = parsed.text();
     if (report == nullptr) {
         RF_LOG(kLogError, "[%s():%d]Invalid report\n");
         RF_EXIT();
-        return -1;
+        return false;
     }
     Json::Value store;
     if (!rfevent::loadJsonObject(RF_HERE, rfevent::fixedPath(rfevent::FixedPath::SubscriptionStore),
                                  kReportStore, store)) {
         RF_EXIT();
-        return -1;
+        return false;
     }
     std::vector<DeliveryTarget*> targets;
     TargetsGuard guard{targets};
-    selectTargets(store, report, targets);
+    selectTargets(store, parsed, targets);
     // One parallel pass serves at most 30 destinations: larger sets go in groups, and the
     // failures of each group are queued before the next group is sent.
     std::size_t start = 0;
@@ -177,7 +184,7 @@ int send_report_to_subscription(const char* report) {
     } while (start < targets.size());
     removeFromSubscription(targets);
     RF_EXIT();
-    return 0;
+    return true;
 }
 
 bool isReportMatchTheSubscription(Json::Value list, const std::string& definitionUri) {

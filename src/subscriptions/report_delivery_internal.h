@@ -6,13 +6,14 @@
 
 #include <json/json.h>
 
+#include "base/report.h"
 #include "delivery/target.h"
 
 namespace rfevent {
 
 // Appends a delivery target for every subscription of store that wants report, in the
 // store's member order. The caller releases them with removeFromSubscription.
-void selectTargets(const Json::Value& store, const char* report,
+void selectTargets(const Json::Value& store, const ParsedReport& report,
                    std::vector<DeliveryTarget*>& targets);
 
 } // namespace rfevent

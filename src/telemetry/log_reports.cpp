@@ -8,43 +8,30 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <map>
 #include <string>
 
 #include <json/json.h>
 
+#include "base/builtin_reports.h"
 #include "base/clock.h"
 #include "base/durable_file.h"
 #include "base/file.h"
+#include "base/heap_text.h"
+#include "base/json.h"
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/report.h"
+#include "publish/publish.h"
 #include "rfevent/redfish_event.h"
-#include "sse/transport.h"
-#include "subscriptions/report_delivery.h"
 
 namespace rfevent {
 
-std::atomic<int> serialLogSequence{0};
-std::atomic<int> cpuRegisterSequence{0};
-
 namespace {
-
-constexpr const char* kSerialLogType = "SerialLog";
-constexpr const char* kCpuRegistersType = "CPURegisters";
-
-constexpr const char* kSerialLogFilter =
-    "MetricReportDefinition eq '/redfish/v1/TelemetryService/MetricReportDefinitions/SerialLog'";
-constexpr const char* kCpuRegistersFilter =
-    "MetricReportDefinition eq "
-    "'/redfish/v1/TelemetryService/MetricReportDefinitions/CPURegisters'";
 
 constexpr const char* kReportContext = "/redfish/v1/$metadata#MetricReport.MetricReport";
 
-// The given type names a report type when it equals the start of that type's name over its
-// own length.
-bool isType(const char* type, const char* name) {
-    return std::strncmp(type, name, std::strlen(type)) == 0;
-}
+// The builder's lines are written under its name.
+constexpr SourceSpot kBuilderSpot = {"GenerateLogEntryJsonForTelemetry", __LINE__};
 
 // "2024-05-01T13:45:10.123Z"; the three digits are the microseconds modulo 1000.
 Json::Value reportTimestamp() {
@@ -117,14 +104,15 @@ int sendSerialLogToSSE() {
         return -1;
     }
     long size = 0;
-    char* buffer = rfevent::readWholeFile(capture.get(), &size, RF_HERE, kSerialLogRead);
-    if (buffer == nullptr) {
+    const HeapText buffer(readWholeFile(capture.get(), &size, RF_HERE, kSerialLogRead));
+    if (!buffer) {
         capture.reset();
         unlockSerialLog(lockFd, nullptr);
         return -1;
     }
     // The payload ends at the first NUL byte of the capture.
-    std::string document = GenerateLogEntryJsonForTelemetry(std::string(buffer), kSerialLogType);
+    std::string document =
+        GenerateLogEntryJsonForTelemetry(std::string(buffer.get()), kSerialLogReport.type);
     capture.reset();
     utl_echo_write(document.c_str(), document.size(), fixedPath(FixedPath::SerialLogReport), 1, 1);
 
@@ -135,9 +123,7 @@ int sendSerialLogToSSE() {
     }
     unlockSerialLog(lockFd, &result);
 
-    sendLog_to_sse(document.c_str(), kSerialLogType);
-    send_report_to_subscription(document.c_str());
-    std::free(buffer);
+    publishBuiltInReport(ParsedReport(document.c_str()), kSerialLogReport);
     RF_EXIT();
     return result;
 }
@@ -151,17 +137,15 @@ void sendCPUDumpToTelemetry() {
         return;
     }
     long size = 0;
-    char* buffer = rfevent::readWholeFile(dump.get(), &size, RF_HERE, kCpuDumpRead);
-    if (buffer == nullptr) {
+    const HeapText buffer(readWholeFile(dump.get(), &size, RF_HERE, kCpuDumpRead));
+    if (!buffer) {
         return;
     }
-    char* encoded = base64Encode(reinterpret_cast<const unsigned char*>(buffer),
-                                 static_cast<std::size_t>(size), nullptr);
-    int status = sendCPURegisterReport(encoded, kCpuRegistersType);
+    const HeapText encoded(base64Encode(reinterpret_cast<const unsigned char*>(buffer.get()),
+                                        static_cast<std::size_t>(size), nullptr));
+    int status = sendCPURegisterReport(encoded.get(), kCpuRegistersReport.type);
     dump.reset();
     RF_LOG(kLogInfo, "[%s():%d]status:%d", status);
-    std::free(buffer);
-    std::free(encoded);
     RF_EXIT();
 }
 
@@ -169,41 +153,40 @@ int sendCPURegisterReport(const char* base64Payload, const char* type) {
     std::string document = GenerateLogEntryJsonForTelemetry(base64Payload, type);
     utl_echo_write(document.c_str(), document.size(), fixedPath(FixedPath::CpuRegisterReport), 1,
                    1);
-    sendLog_to_sse(document.c_str(), kCpuRegistersType);
-    send_report_to_subscription(document.c_str());
+    publishBuiltInReport(ParsedReport(document.c_str()), kCpuRegistersReport);
     return 0;
 }
 
-std::string GenerateLogEntryJsonForTelemetry(std::string payload, const char* type) {
-    Json::Value report(Json::objectValue);
+namespace {
+
+// The report's members up to its sequence; an unknown type gets the context as "@odata.id" and
+// no sequence.
+void describeReport(Json::Value& report, const char* type) {
     report["Timestamp"] = reportTimestamp();
     report["@odata.context"] = kReportContext;
-
-    std::string resource;
-    if (isType(type, kCpuRegistersType)) {
-        resource = "/redfish/v1/TelemetryService/MetricReports/CPURegisters";
-    } else if (isType(type, kSerialLogType)) {
-        resource = "/redfish/v1/TelemetryService/MetricReports/SerialLog";
-    } else {
-        RF_LOG(kLogInfo, "[%s():%d]invalid type:%s", type);
-        resource = kReportContext;
+    const BuiltInReport* builtIn = builtInReportOfType(type, BuiltInOrder::CpuRegistersFirst);
+    std::string resource = builtIn != nullptr ? builtIn->resource : kReportContext;
+    if (builtIn == nullptr) {
+        RF_LOG_AT(kBuilderSpot, kLogInfo, "[%s():%d]invalid type:%s", type);
     }
     GetEncodedURIsegment(resource);
     report["@odata.id"] = resource;
     report["@odata.type"] = "#MetricReport.v1_5_0.MetricReport";
     report["Name"] = std::string(type) + " Report";
     report["Id"] = type;
-
-    if (isType(type, kCpuRegistersType)) {
-        int sequence = takeSequence(cpuRegisterSequence, fixedPath(FixedPath::CpuRegisterSequence));
-        report["ReportSequence"] = std::to_string(sequence);
-    } else if (isType(type, kSerialLogType)) {
-        int sequence = takeSequence(serialLogSequence, fixedPath(FixedPath::SerialLogSequence));
+    if (builtIn != nullptr) {
+        const int sequence = takeSequence(*builtIn->counter, fixedPath(builtIn->sequenceFile));
         report["ReportSequence"] = std::to_string(sequence);
     } else {
-        RF_LOG(kLogInfo, "[%s():%d]invalid type:%s", type);
+        RF_LOG_AT(kBuilderSpot, kLogInfo, "[%s():%d]invalid type:%s", type);
     }
+}
 
+} // namespace
+
+std::string GenerateLogEntryJsonForTelemetry(std::string payload, const char* type) {
+    Json::Value report(Json::objectValue);
+    describeReport(report, type);
     Json::Value oem(Json::objectValue);
     oem["Orva"]["@odata.type"] = "#OrvaMetricReport.v1_0_0.OrvaMetricReport";
     oem["Orva"]["Label"] = type;
@@ -215,10 +198,7 @@ std::string GenerateLogEntryJsonForTelemetry(std::string payload, const char* ty
     values.append(metric);
     report["MetricValues"] = values;
     report["MetricValues@odata.count"] = values.size();
-
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    return Json::writeString(writer, report);
+    return writeCompactJson(report);
 }
 
 namespace {
@@ -266,38 +246,12 @@ int SetReportSequence(const char* path, int value) {
     return 1;
 }
 
-int sendLog_to_sse(const char* reportJson, const char* type) {
-    const char* filter = nullptr;
-    std::atomic<int>* counter = nullptr;
-    if (isType(type, kSerialLogType)) {
-        filter = kSerialLogFilter;
-        counter = &serialLogSequence;
-    } else if (isType(type, kCpuRegistersType)) {
-        filter = kCpuRegistersFilter;
-        counter = &cpuRegisterSequence;
+void sendBuiltInReport(const BuiltInReport& type) {
+    if (&type == &kSerialLogReport) {
+        sendSerialLogToSSE();
     } else {
-        RF_LOG(kLogError, "[%s():%d]invalid type");
-        return -1;
+        sendCPUDumpToTelemetry();
     }
-    std::string prefix = std::string(filter) + "=";
-    int id = counter->fetch_add(1, std::memory_order_relaxed);
-    std::string message = prefix + "<id:" + std::to_string(id) + ">:" + reportJson;
-    EncodeStr(message);
-    sendReportMessage(message);
-    return 0;
-}
-
-void EncodeStr(std::string& message) {
-    RF_ENTER();
-    const std::map<std::string, std::string> substitutions = {{";", "%3B"}};
-    for (const auto& [from, to] : substitutions) {
-        std::size_t position = message.find(from);
-        while (position != std::string::npos) {
-            message.replace(position, from.size(), to);
-            position = message.find(from);
-        }
-    }
-    RF_EXIT();
 }
 
 char* base64Encode(const unsigned char* data, std::size_t length, std::size_t* outLength) {
@@ -308,10 +262,11 @@ char* base64Encode(const unsigned char* data, std::size_t length, std::size_t* o
     if (capacity < length) {
         return nullptr;
     }
-    char* out = static_cast<char*>(std::malloc(capacity));
-    if (out == nullptr) {
+    HeapText block = heapBlock(capacity);
+    if (!block) {
         return nullptr;
     }
+    char* out = block.get();
     char* position = out;
     std::size_t i = 0;
     for (; i + 3 <= length; i += 3) {
@@ -335,7 +290,7 @@ char* base64Encode(const unsigned char* data, std::size_t length, std::size_t* o
     if (outLength != nullptr) {
         *outLength = static_cast<std::size_t>(position - out);
     }
-    return out;
+    return block.release();
 }
 
 } // namespace rfevent

@@ -2,16 +2,12 @@
 #ifndef RFEVENT_TELEMETRY_LOG_REPORTS_H
 #define RFEVENT_TELEMETRY_LOG_REPORTS_H
 
-#include <atomic>
 #include <cstddef>
 #include <string>
 
-namespace rfevent {
+#include "base/builtin_reports.h"
 
-// Sequence of the next report of each type, as last loaded from its sequence file; the SSE
-// sender uses the value as event id and then increments it.
-extern std::atomic<int> serialLogSequence;
-extern std::atomic<int> cpuRegisterSequence;
+namespace rfevent {
 
 int sendSerialLogToSSE();
 void sendCPUDumpToTelemetry();
@@ -19,9 +15,11 @@ int sendCPURegisterReport(const char* base64Payload, const char* type);
 std::string GenerateLogEntryJsonForTelemetry(std::string payload, const char* type);
 int GetReportSequence(const char* path);
 int SetReportSequence(const char* path, int value);
-int sendLog_to_sse(const char* reportJson, const char* type);
-void EncodeStr(std::string& message);
+// Standard base64 of data in a new text on the C heap (caller frees), or null.
 char* base64Encode(const unsigned char* data, std::size_t length, std::size_t* outLength);
+
+// Builds, stores and publishes the built-in report of type from its capture.
+void sendBuiltInReport(const BuiltInReport& type);
 
 } // namespace rfevent
 

@@ -16,25 +16,20 @@
 #include <memory>
 #include <new>
 
+#include "base/builtin_reports.h"
 #include "base/guard.h"
+#include "base/heap_text.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/pipe_thread.h"
+#include "base/report.h"
 #include "base/run_flags.h"
 #include "platform/platform.h"
-#include "sse/filter.h"
-#include "subscriptions/report_delivery.h"
+#include "publish/publish.h"
 #include "telemetry/log_reports.h"
 #include "telemetry/report_db.h"
 
 namespace rfevent {
-
-TelemetryPipeActions defaultTelemetryPipeActions() {
-    return {execute_report_views, send_report_to_subscription, send_report_to_sse,
-            sendSerialLogToSSE, sendCPUDumpToTelemetry};
-}
-
-TelemetryPipeActions g_telemetryPipeActions = defaultTelemetryPipeActions();
 
 namespace {
 
@@ -42,45 +37,28 @@ const char* telemetryFifo() {
     return fixedPath(FixedPath::TelemetryFifo);
 }
 
-struct FreeDeleter {
-    void operator()(char* text) const { std::free(text); }
-};
-
-// Looks the report up and hands it to both fan-outs.
-void lookUpAndSend(const char* reportName) {
-    std::unique_ptr<char, FreeDeleter> report(g_telemetryPipeActions.lookup(reportName));
+// Looks the report up and publishes it.
+void lookUpAndSend(const TelemetryPipeState& state, const char* reportName) {
+    const HeapText report(state.lookup(reportName));
     if (report) {
         RF_LOG(kLogInfo, "[%s():%d]Sending reports to Subscription and SSE");
-        g_telemetryPipeActions.sendToSubscriptions(report.get());
-        g_telemetryPipeActions.sendToSse(report.get());
+        publishReport(ParsedReport(report.get()));
     }
 }
 
-// One announcement: a command or a report name. Names are compared over their own length,
-// so any leading part of a command name (and the empty name) runs that command.
-// True when name, over its own length, is a leading part of command (case ignored). A name
-// longer than the command never is: its extra byte meets the command's terminator.
-bool namesCommand(const char* name, std::size_t length, const char* command,
-                  std::size_t commandLength) {
-    return length <= commandLength && strncasecmp(name, command, length) == 0;
-}
-
-// length is strlen(state.name), which the parse already knows.
+// One announcement: a built-in report's command or a report name. length is
+// strlen(state.name), which the parse already knows.
 void handleName(TelemetryPipeState& state, std::size_t length, bool useFragment) {
-    static const char kSerialLog[] = "seriallog";
-    static const char kCpuRegisters[] = "CPURegisters";
-    if (namesCommand(state.name, length, kSerialLog, sizeof kSerialLog - 1)) {
-        g_telemetryPipeActions.serialLogReport();
-    } else if (namesCommand(state.name, length, kCpuRegisters, sizeof kCpuRegisters - 1)) {
-        g_telemetryPipeActions.cpuRegisterReport();
+    if (const BuiltInReport* builtIn = builtInReportCommanded(state.name, length)) {
+        state.builtInReport(*builtIn);
     } else if (useFragment) {
         RF_LOG(kLogInfo, "[%s():%d]Reading first report name from pipe");
         std::snprintf(state.combined, sizeof state.combined, "%s%s", state.savedFragment,
                       state.name);
         RF_LOG(kLogInfo, "[%s():%d]Combined report name : %s\n", state.combined);
-        lookUpAndSend(state.combined);
+        lookUpAndSend(state, state.combined);
     } else {
-        lookUpAndSend(state.name);
+        lookUpAndSend(state, state.name);
     }
 }
 

@@ -1,11 +1,14 @@
-// Inside the telemetry notify thread: its buffers, the parse of one read and the actions an
-// announcement leads to. For the thread itself, its tests, fuzz target and benchmark.
+// Inside the telemetry notify thread: its buffers and the parse of one read. For the thread
+// itself, its tests, fuzz target and benchmark.
 #ifndef RFEVENT_TELEMETRY_NOTIFY_THREAD_INTERNAL_H
 #define RFEVENT_TELEMETRY_NOTIFY_THREAD_INTERNAL_H
 
 #include <cstddef>
 
 #include "base/pipe_thread.h"
+#include "base/builtin_reports.h"
+#include "telemetry/log_reports.h"
+#include "telemetry/report_db.h"
 
 namespace rfevent {
 
@@ -21,24 +24,17 @@ struct TelemetryPipeState {
     char name[kTelemetryNameSize];          // the name being collected
     char savedFragment[kTelemetryNameSize]; // a name cut by the end of a read
     char combined[2 * kTelemetryNameSize];  // saved fragment + first name of a later read
+    // What a name leads to: a report looked up (result freed with free()) in the telemetry
+    // database, or a built-in report built from its capture. The parse's equivalence test, its
+    // fuzz target and the announcement benchmark, which look at the parse alone, count the
+    // names instead.
+    char* (*lookup)(const char* reportName) = execute_report_views;
+    void (*builtInReport)(const BuiltInReport& type) = sendBuiltInReport;
 };
 
-// What an announcement leads to. The thread uses the real functions; tests may swap them.
-struct TelemetryPipeActions {
-    char* (*lookup)(const char* reportName); // result freed with free()
-    int (*sendToSubscriptions)(const char* report);
-    int (*sendToSse)(const char* report);
-    int (*serialLogReport)();
-    void (*cpuRegisterReport)();
-};
-
-// The actions in use; initialised to the real lookup, fan-outs and log reports.
-extern TelemetryPipeActions g_telemetryPipeActions;
-// The real actions, to restore after a test.
-TelemetryPipeActions defaultTelemetryPipeActions();
-
-// Parses the first n bytes of state.readBuffer: every name closed by "|" is handled (command
-// or report lookup and fan-out), a name cut by the end of the read is saved as fragment.
+// Parses the first n bytes of state.readBuffer: every name closed by "|" is handled (a built-in
+// report's command, or a report looked up and published), a name cut by the end of the read is
+// saved as fragment.
 void parseTelemetryRead(TelemetryPipeState& state, int n);
 
 // The telemetry pipe as the thread reads it: registration with the telemetry service before

@@ -3,26 +3,26 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <iterator>
 #include <list>
-#include <memory>
 
+#include "base/builtin_reports.h"
 #include "base/file.h"
 #include "base/guard.h"
-#include "base/json.h"
+#include "base/heap_text.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/pipe_thread.h"
+#include "base/report.h"
 #include "base/run_flags.h"
 #include "sse/filter.h"
+#include "sse/message.h"
 #include "sse/transport.h"
 #include "telemetry/report_db.h"
 
@@ -31,6 +31,9 @@ namespace rfevent {
 namespace {
 
 constexpr unsigned kPacingSeconds = 2;
+
+// The replay's lines are written under the name of the function that handles a request.
+constexpr SourceSpot kReplaySpot = {"process_last_event_id", __LINE__};
 
 const rfevent::WholeFileTexts kStoredReportRead = {
     "File operation ftell failed in local export function ", true};
@@ -56,15 +59,26 @@ std::string reportNameOf(const std::string& filter) {
     return name;
 }
 
-// The serial-log and CPU-register reports live in files; the name is compared over its own
-// length, so an empty or shortened name lands here too and then finds no file.
-bool isStoredLogName(const std::string& name) {
-    return strncasecmp(name.c_str(), "seriallog", name.size()) == 0 ||
-           strncasecmp(name.c_str(), "CPURegisters", name.size()) == 0;
+// The built-in reports live in files; the name is compared with their commands over its own
+// length, so an empty or shortened name lands there too and then finds no file.
+HeapText lookUpReport(const std::string& name) {
+    if (builtInReportCommanded(name.c_str(), name.size()) != nullptr) {
+        return HeapText(sendLastLogToSSE(name));
+    }
+    return HeapText(execute_report_views(name.c_str()));
 }
 
-char* lookUpReport(const std::string& name) {
-    return execute_report_views(name.c_str());
+// Sends the replay of a report whose sequence matched: a short one is only the end marker for
+// the client's key.
+void sendReplay(const std::string& filter, const std::string& sequence, const char* report) {
+    const std::string message = reportMessage(filter, sequenceMarker(sequence), report);
+    RF_LOG_AT(kReplaySpot, kLogDebug, "[%s():%d]SSE Filter size:%d\n",
+              static_cast<int>(message.size()));
+    if (message.size() <= static_cast<std::size_t>(kSsePieceSize)) {
+        send_to_sock_sse(endMarker(messagePrefix(message)).c_str());
+    } else {
+        sse_chunk_send(message.c_str());
+    }
 }
 
 } // namespace
@@ -114,9 +128,8 @@ void process_last_event_id(const char* request) {
     const std::string name = reportNameOf(filter);
 
     // Owned here until the message is built, also when reading the sequence throws.
-    std::unique_ptr<char, decltype(&std::free)> report(
-        isStoredLogName(name) ? sendLastLogToSSE(name) : lookUpReport(name), &std::free);
-    if (report == nullptr) {
+    HeapText report = lookUpReport(name);
+    if (!report) {
         RF_LOG(kLogDebug, "[%s():%d]report_json is NULL");
         return;
     }
@@ -126,26 +139,13 @@ void process_last_event_id(const char* request) {
         RF_LOG(kLogDebug, "[%s():%d]Last Event Id is not matched");
         return;
     }
-    const std::string prefix = filter + "=";
-    const std::string message = prefix + "<id:" + sequence + ">:" + report.get();
-    report.reset();
-    RF_LOG(kLogDebug, "[%s():%d]SSE Filter size:%d\n", static_cast<int>(message.size()));
-    if (message.size() <= static_cast<std::size_t>(kSsePieceSize)) {
-        // A short replay carries only the end marker for the client's key.
-        send_to_sock_sse((messagePrefix(message) + "<END>").c_str());
-    } else {
-        sse_chunk_send(message.c_str());
-    }
+    sendReplay(filter, sequence, report.get());
 }
 
 char* sendLastLogToSSE(std::string name) {
     RF_ENTER();
-    std::string path;
-    if (name == "seriallog") {
-        path = rfevent::fixedPath(rfevent::FixedPath::SerialLogReport);
-    } else if (name == "CPURegisters") {
-        path = rfevent::fixedPath(rfevent::FixedPath::CpuRegisterReport);
-    }
+    const BuiltInReport* builtIn = builtInReportByCommand(name);
+    const std::string path = builtIn != nullptr ? fixedPath(builtIn->stored) : "";
     struct stat fileStat;
     std::memset(&fileStat, 0, sizeof fileStat);
     if (stat(path.c_str(), &fileStat) != 0) {
@@ -164,12 +164,12 @@ char* sendLastLogToSSE(std::string name) {
         return nullptr;
     }
     long size = 0;
-    char* buffer = rfevent::readWholeFile(file.get(), &size, RF_HERE, kStoredReportRead);
-    if (buffer == nullptr) {
+    HeapText buffer(readWholeFile(file.get(), &size, RF_HERE, kStoredReportRead));
+    if (!buffer) {
         return nullptr;
     }
     RF_EXIT();
-    return buffer;
+    return buffer.release();
 }
 
 } // namespace rfevent

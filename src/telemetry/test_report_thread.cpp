@@ -8,18 +8,12 @@
 #include "base/guard.h"
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/report.h"
 #include "base/run_flags.h"
-#include "sse/filter.h"
-#include "subscriptions/report_delivery.h"
+#include "publish/publish.h"
 #include "telemetry/test_report_thread_internal.h"
 
 namespace rfevent {
-
-TestReportActions defaultTestReportActions() {
-    return {send_report_to_subscription, send_report_to_sse};
-}
-
-TestReportActions g_testReportActions = defaultTestReportActions();
 
 namespace {
 
@@ -36,8 +30,7 @@ void handleTestReportRead(char* buffer, ssize_t count) {
         const SourceSpot here = RF_HERE;
         guarded(here, "Test report dropped", [&] {
             RF_LOG_AT(here, kLogInfo, "[%s():%d]Sending reports to Subscription and SSE");
-            g_testReportActions.sendToSubscriptions(buffer);
-            g_testReportActions.sendToSse(buffer);
+            publishReport(ParsedReport(buffer));
         });
     }
     std::memset(buffer, 0, kTestReportBufferSize);

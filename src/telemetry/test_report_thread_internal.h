@@ -10,15 +10,6 @@ namespace rfevent {
 
 constexpr std::size_t kTestReportBufferSize = 1024;
 
-// Where a test report goes. The thread uses the real fan-outs; tests may swap them.
-struct TestReportActions {
-    int (*sendToSubscriptions)(const char* report);
-    int (*sendToSse)(const char* report);
-};
-
-extern TestReportActions g_testReportActions;
-TestReportActions defaultTestReportActions();
-
 // The test report pipe read into buffer (kTestReportBufferSize bytes): reads of at most 1023
 // bytes, each delivered whole to both fan-outs, then the buffer zeroed; three seconds' pause
 // when no writer has the pipe open.

@@ -13,6 +13,7 @@
 #include "harness/sse_receiver.h"
 #include "harness/wait.h"
 #include "sse/filter.h"
+#include "sse/filter_internal.h"
 
 using namespace rfevent;
 

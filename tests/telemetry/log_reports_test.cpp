@@ -1,5 +1,6 @@
 // Serial-log and CPU-register reports: real capture files, a real lock held by another
 // process, the SSE stand-in on the socket and a push subscriber over mutual TLS.
+#include "sse/filter.h"
 #include "telemetry/log_reports.h"
 
 #include <fcntl.h>

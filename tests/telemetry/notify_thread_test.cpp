@@ -1,8 +1,9 @@
 // The telemetry pipe reader: real FIFO, byte patterns as the telemetry service writes them,
-// recorded lookups and commands.
+// a real telemetry database and captures, documents recorded at the channel table.
 #include "harness/wait.h"
 #include "telemetry/notify_thread.h"
 #include "telemetry/notify_thread_internal.h"
+#include "telemetry/recording_channels.h"
 #include "telemetry/running_pipe.h"
 
 #include <fcntl.h>
@@ -40,51 +41,79 @@ using rfevent::testkit::LogCapture;
 
 const std::string kReportsPrefix = "/redfish/v1/TelemetryService/MetricReports/";
 
-// What the parser asked for, in order.
-struct Recorder {
-    std::mutex mutex;
-    std::vector<std::string> events;  // "lookup:X", "subscription:R", "sse:R", "serial", "cpu"
-    std::vector<std::string> missing; // names the fake lookup does not find
-    std::string throwOn;              // report text whose subscription send throws
+using rfevent::testkit::RecordingChannels;
 
-    void add(const std::string& event) {
-        std::lock_guard<std::mutex> lock(mutex);
-        events.push_back(event);
+// What the parser led to, in order: every lookup, seen in the lookup's own log line, and every
+// document the recording channels were handed.
+class Recorder {
+  public:
+    Recorder() {
+        channels.beforeRecord = [this] { syncLookups(); };
     }
     std::vector<std::string> snapshot() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return events;
+        syncLookups();
+        return channels.events();
     }
-};
+    RecordingChannels channels;
 
-Recorder* g_recorder = nullptr;
-
-char* fakeLookup(const char* name) {
-    g_recorder->add(std::string("lookup:") + name);
-    for (const auto& missing : g_recorder->missing) {
-        if (missing == name) {
-            return nullptr;
+  private:
+    void syncLookups() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        static const std::string kHead = "report name  [";
+        const std::vector<std::string> lines = log_.lines();
+        for (; seen_ < lines.size(); ++seen_) {
+            const std::string& line = lines[seen_];
+            const std::size_t at = line.find(kHead);
+            if (at != std::string::npos) {
+                const std::size_t start = at + kHead.size();
+                RecordingChannels::addEvent("lookup:" +
+                                            line.substr(start, line.rfind(']') - start));
+            }
         }
     }
-    return strdup((std::string("report-") + name).c_str());
-}
-int recordSubscription(const char* report) {
-    if (g_recorder->throwOn == report) {
-        throw std::runtime_error("subscription store broke");
+    std::mutex mutex_;
+    LogCapture log_;
+    std::size_t seen_ = 0;
+};
+
+// Every name the tests below announce as a report has a report "report-<name>" in the
+// telemetry database, except "Gone".
+const char* const kStoredNames[] = {"Rpt1", "A",      "B",       "CPURegistersX", "Report1",
+                                    "RepFoo", "RepX", "Y",       "Foo",           "ReportZ",
+                                    "Ab1",  "Here",   "Bad",     "Good",          "Longer",
+                                    "S1",   "Rpt"};
+
+void storeReports(const std::vector<std::pair<std::string, std::string>>& reports) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK,
+              sqlite3_open(rfevent::fixedPath(rfevent::FixedPath::TelemetryDatabase), &db));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, "CREATE TABLE JSON (root TEXT, \"@odata.id\" TEXT)",
+                                      nullptr, nullptr, nullptr));
+    sqlite3_stmt* insert = nullptr;
+    ASSERT_EQ(SQLITE_OK,
+              sqlite3_prepare_v2(db, "INSERT INTO JSON VALUES (?, ?)", -1, &insert, nullptr));
+    for (const auto& [name, root] : reports) {
+        sqlite3_bind_text(insert, 1, root.c_str(), -1, SQLITE_TRANSIENT);
+        sqlite3_bind_text(insert, 2, (kReportsPrefix + name).c_str(), -1, SQLITE_TRANSIENT);
+        ASSERT_EQ(SQLITE_DONE, sqlite3_step(insert));
+        sqlite3_reset(insert);
     }
-    g_recorder->add(std::string("subscription:") + report);
-    return 0;
+    sqlite3_finalize(insert);
+    sqlite3_close(db);
 }
-int recordSse(const char* report) {
-    g_recorder->add(std::string("sse:") + report);
-    return 0;
+
+void storeTestReports() {
+    std::vector<std::pair<std::string, std::string>> reports;
+    for (const char* name : kStoredNames) {
+        reports.emplace_back(name, std::string("report-") + name);
+    }
+    storeReports(reports);
 }
-int recordSerial() {
-    g_recorder->add("serial");
-    return 0;
-}
-void recordCpu() {
-    g_recorder->add("cpu");
+
+// The captures the two built-in reports are built from: each command publishes a report.
+void writeCaptures() {
+    rfevent::testkit::writeFile(rfevent::fixedPath(rfevent::FixedPath::SerialLogCapture), "");
+    rfevent::testkit::writeFile(rfevent::fixedPath(rfevent::FixedPath::CpuRegisterCapture), "R");
 }
 
 std::string fifoPath() {
@@ -95,9 +124,9 @@ class NotifyParserTest : public ::testing::Test {
   protected:
     void SetUp() override {
         rfevent::testkit::resetSandbox();
-        g_recorder = &recorder_;
-        rfevent::g_telemetryPipeActions = {fakeLookup, recordSubscription, recordSse, recordSerial,
-                                           recordCpu};
+        storeTestReports();
+        writeCaptures();
+        recorder_ = std::make_unique<Recorder>();
         state_ = std::make_unique<TelemetryPipeState>();
         // Our writer end exists first, so the product's blocking open returns at once.
         ASSERT_EQ(0, mkfifo(fifoPath().c_str(), 0660));
@@ -109,8 +138,7 @@ class NotifyParserTest : public ::testing::Test {
     void TearDown() override {
         close(reader_);
         close(writer_);
-        rfevent::g_telemetryPipeActions = rfevent::defaultTelemetryPipeActions();
-        g_recorder = nullptr;
+        recorder_.reset();
     }
 
     // One write by the telemetry service, then one read by the product.
@@ -120,9 +148,9 @@ class NotifyParserTest : public ::testing::Test {
                   rfevent::readPipeOnce(rfevent::telemetryPipe(*state_), reader_));
     }
 
-    std::vector<std::string> events() { return recorder_.snapshot(); }
+    std::vector<std::string> events() { return recorder_->snapshot(); }
 
-    Recorder recorder_;
+    std::unique_ptr<Recorder> recorder_;
     std::unique_ptr<TelemetryPipeState> state_;
     int writer_ = -1;
     int reader_ = -1;
@@ -221,14 +249,13 @@ TEST_F(NotifyParserTest, OverLongFirstNameIsNotJoinedWithTheFragment) {
 }
 
 TEST_F(NotifyParserTest, ReportNotFoundSendsNothing) {
-    recorder_.missing = {"Gone"};
     deliver(announce("Gone") + announce("Here"));
     EXPECT_EQ((Events{"lookup:Gone", "lookup:Here", "subscription:report-Here", "sse:report-Here"}),
               events());
 }
 
 TEST_F(NotifyParserTest, FailingAnnouncementIsDroppedAndTheNextOneServed) {
-    recorder_.throwOn = "report-Bad";
+    recorder_->channels.throwOn = "report-Bad";
     LogCapture log;
     deliver(announce("Bad") + announce("Good"));
     EXPECT_EQ((Events{"lookup:Bad", "lookup:Good", "subscription:report-Good", "sse:report-Good"}),
@@ -267,35 +294,27 @@ class NotifyDatabaseTest : public NotifyParserTest {
   protected:
     void SetUp() override {
         NotifyParserTest::SetUp();
-        rfevent::g_telemetryPipeActions.lookup = execute_report_views;
+        rfevent::testkit::removeFile(rfevent::fixedPath(rfevent::FixedPath::TelemetryDatabase));
     }
-    void createDatabase() {
-        sqlite3* db = nullptr;
-        ASSERT_EQ(SQLITE_OK,
-                  sqlite3_open(rfevent::fixedPath(rfevent::FixedPath::TelemetryDatabase), &db));
-        std::string sql = "CREATE TABLE JSON (root TEXT, \"@odata.id\" TEXT);"
-                          "INSERT INTO JSON VALUES ('{\"Id\":\"Rpt1\"}', '" +
-                          kReportsPrefix + "Rpt1');";
-        ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr));
-        sqlite3_close(db);
-    }
+    void createDatabase() { storeReports({{"Rpt1", "{\"Id\":\"Rpt1\"}"}}); }
 };
 
 TEST_F(NotifyDatabaseTest, AnnouncedReportIsFetchedByItsResourcePath) {
     createDatabase();
     deliver(announce("Rpt1"));
-    EXPECT_EQ((Events{R"(subscription:{"Id":"Rpt1"})", R"(sse:{"Id":"Rpt1"})"}), events());
+    EXPECT_EQ((Events{"lookup:Rpt1", R"(subscription:{"Id":"Rpt1"})", R"(sse:{"Id":"Rpt1"})"}),
+              events());
 }
 
 TEST_F(NotifyDatabaseTest, ReportMissingFromTheDatabaseSendsNothing) {
     createDatabase();
     deliver(announce("Rpt2"));
-    EXPECT_TRUE(events().empty());
+    EXPECT_EQ((Events{"lookup:Rpt2"}), events());
 }
 
 TEST_F(NotifyDatabaseTest, AbsentDatabaseSendsNothing) {
     deliver(announce("Rpt1"));
-    EXPECT_TRUE(events().empty());
+    EXPECT_EQ((Events{"lookup:Rpt1"}), events());
 }
 
 // The real thread with recorded actions.
@@ -303,11 +322,12 @@ class NotifyThreadTest : public ::testing::Test {
   protected:
     void SetUp() override {
         rfevent::testkit::resetSandbox();
-        g_recorder = &recorder_;
-        rfevent::g_telemetryPipeActions = {fakeLookup, recordSubscription, recordSse, recordSerial,
-                                           recordCpu};
+        storeTestReports();
+        writeCaptures();
+        recorder_ = std::make_unique<Recorder>();
     }
-    Recorder recorder_;
+    void TearDown() override { recorder_.reset(); }
+    std::unique_ptr<Recorder> recorder_;
 };
 
 bool waitFor(const std::function<bool()>& condition) {
@@ -347,9 +367,9 @@ TEST_F(NotifyThreadTest, ThreadReadsAnnouncementsFromItsPipe) {
     std::string bytes = announce("Rpt1") + announce("cpu");
     ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(writer, bytes.data(), bytes.size()));
     close(writer);
-    EXPECT_TRUE(waitFor([&] { return recorder_.snapshot().size() == 4; }));
+    EXPECT_TRUE(waitFor([&] { return recorder_->snapshot().size() == 4; }));
     EXPECT_EQ((Events{"lookup:Rpt1", "subscription:report-Rpt1", "sse:report-Rpt1", "cpu"}),
-              recorder_.snapshot());
+              recorder_->snapshot());
 }
 
 } // namespace
@@ -391,7 +411,6 @@ TEST(NotifyEndToEnd, AnnouncedReportReachesPushSubscriberAndSseClient) {
     sqlite3_finalize(insert);
     sqlite3_close(db);
 
-    rfevent::g_telemetryPipeActions = rfevent::defaultTelemetryPipeActions();
     auto state = std::make_unique<TelemetryPipeState>();
     RunningPipe running(telemetryPipe(*state));
     struct stat info;

@@ -1,5 +1,6 @@
 // The test report pipe: whole reads delivered as report texts.
 #include "harness/wait.h"
+#include "telemetry/recording_channels.h"
 #include "telemetry/running_pipe.h"
 #include "telemetry/test_report_thread.h"
 #include "telemetry/test_report_thread_internal.h"
@@ -10,8 +11,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <mutex>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,28 +26,7 @@ namespace {
 
 using rfevent::testkit::LogCapture;
 
-std::mutex g_mutex;
-std::vector<std::string> g_events;
-bool g_throwOnce = false;
-
-int recordSubscription(const char* report) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    if (g_throwOnce) {
-        g_throwOnce = false;
-        throw std::runtime_error("subscription store broke");
-    }
-    g_events.push_back(std::string("subscription:") + report);
-    return 0;
-}
-int recordSse(const char* report) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_events.push_back(std::string("sse:") + report);
-    return 0;
-}
-std::vector<std::string> events() {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    return g_events;
-}
+using rfevent::testkit::RecordingChannels;
 
 std::string fifoPath() {
     return rfevent::fixedPath(rfevent::FixedPath::TestReportFifo);
@@ -78,8 +56,6 @@ class TestReportPipeTest : public ::testing::Test {
   protected:
     void SetUp() override {
         rfevent::testkit::resetSandbox();
-        g_events.clear();
-        rfevent::g_testReportActions = {recordSubscription, recordSse};
         ASSERT_EQ(0, mkfifo(fifoPath().c_str(), 0660));
         writer_ = open(fifoPath().c_str(), O_RDWR);
         ASSERT_GE(writer_, 0);
@@ -89,12 +65,14 @@ class TestReportPipeTest : public ::testing::Test {
     void TearDown() override {
         close(reader_);
         close(writer_);
-        rfevent::g_testReportActions = rfevent::defaultTestReportActions();
     }
     void write(const std::string& bytes) {
         ASSERT_EQ(static_cast<ssize_t>(bytes.size()), ::write(writer_, bytes.data(), bytes.size()));
     }
 
+    std::vector<std::string> events() { return channels_.events(); }
+
+    RecordingChannels channels_;
     char buffer_[rfevent::kTestReportBufferSize] = {};
     int writer_ = -1;
     int reader_ = -1;
@@ -124,7 +102,7 @@ TEST_F(TestReportPipeTest, LongWriteIsDeliveredInReadSizedPieces) {
 }
 
 TEST_F(TestReportPipeTest, FailingDeliveryDropsOnlyThatReport) {
-    g_throwOnce = true;
+    channels_.throwOn = "first";
     LogCapture log;
     write("first");
     EXPECT_EQ(5, rfevent::readPipeOnce(rfevent::testReportPipe(buffer_), reader_));
@@ -147,8 +125,7 @@ TEST(TestReportThread, FlagSetBeforeTheFirstPassEndsAtOnce) {
 
 TEST(TestReportThread, RunningThreadDeliversWhatIsWritten) {
     rfevent::testkit::resetSandbox();
-    g_events.clear();
-    rfevent::g_testReportActions = {recordSubscription, recordSse};
+    RecordingChannels channels;
     char buffer[rfevent::kTestReportBufferSize] = {};
     rfevent::testkit::RunningPipe running(rfevent::testReportPipe(buffer));
     int writer = openPipeForWriting();
@@ -156,8 +133,9 @@ TEST(TestReportThread, RunningThreadDeliversWhatIsWritten) {
     std::string report = reportOfSize(200);
     ASSERT_EQ(200, ::write(writer, report.data(), report.size()));
     close(writer);
-    EXPECT_TRUE(rfevent::testkit::waitUntil([] { return events().size() >= 2; }));
-    EXPECT_EQ((std::vector<std::string>{"subscription:" + report, "sse:" + report}), events());
+    EXPECT_TRUE(rfevent::testkit::waitUntil([&] { return channels.events().size() >= 2; }));
+    EXPECT_EQ((std::vector<std::string>{"subscription:" + report, "sse:" + report}),
+              channels.events());
 }
 
 } // namespace
@@ -187,7 +165,6 @@ TEST(TestReportEndToEnd, ReportReachesPushSubscriberAndSseClient) {
     std::string report = head + std::string(200 - head.size() - 2, 'p') + "\"}";
     ASSERT_EQ(200u, report.size());
 
-    rfevent::g_testReportActions = rfevent::defaultTestReportActions();
     char buffer[rfevent::kTestReportBufferSize] = {};
     RunningPipe running(rfevent::testReportPipe(buffer));
     int writer = openPipeForWriting();

@@ -1,0 +1,14 @@
+// Inside the SSE filter, for its tests.
+#ifndef RFEVENT_SSE_FILTER_INTERNAL_H
+#define RFEVENT_SSE_FILTER_INTERNAL_H
+
+#include <string>
+
+namespace rfevent {
+
+// Strips one enclosing pair of parentheses, then one enclosing pair of single quotes.
+std::string removeBraces(std::string s);
+
+} // namespace rfevent
+
+#endif
