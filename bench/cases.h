@@ -3,6 +3,7 @@
 #define RFEVENT_BENCH_CASES_H
 
 #include <string>
+#include <vector>
 
 #include "context.h"
 #include "table.h"
@@ -21,12 +22,20 @@ void runSseCases(const Context& context, Table& table);
 void runDatabaseCases(const Context& context, Table& table);
 // Instructions per pipe announcement and per event document, counted by callgrind.
 void runInstructionCases(const Context& context, Table& table);
+// Instructions per metric report fanned out to 30 push subscriptions and 10 SSE clients.
+void runFanOutCases(const Context& context, Table& table);
 // Stripped sizes, resident memory over many alerts, worker threads.
 void runFootprintCases(const Context& context, Table& table);
 
 // The measurements that run in a process of their own ("--child NAME"). They print "key
 // value" lines and return the exit status.
 int runInstructionChild(const std::string& name);
+int runFanOutChild(const std::string& name);
+
+// Instructions of a child's measured loop under callgrind; the functions matching the patterns
+// of exclude (callgrind's --toggle-collect) are left out of the count.
+double underCallgrind(const Context& context, const std::string& child,
+                      const std::vector<std::string>& exclude = {});
 int runFootprintChild(const std::string& name, const Context& context);
 
 } // namespace rfevent::bench

@@ -3,10 +3,10 @@
 //   rfevent-bench [--quick] [--only NAME[,NAME...]] [--armhf-plugin PATH] [--plugin PATH]
 //                 [--log-file PATH]
 //
-// NAME is one of alerts, store, reports, sse, database, instructions, footprint. Ratios are the
-// plug-in's cost over the floor's, measured in the same run; absolute figures are for
-// reference only. The plug-in logs at the platform's default level (errors) to a file in the
-// run's sandbox, or to --log-file (e.g. /dev/null, to see what the log lines cost).
+// NAME is one of alerts, store, reports, sse, database, instructions, fanout, footprint. Ratios are
+// the plug-in's cost over the floor's, measured in the same run; absolute figures are for reference
+// only. The plug-in logs at the platform's default level (errors) to a file in the run's sandbox,
+// or to --log-file (e.g. /dev/null, to see what the log lines cost).
 #include <unistd.h>
 
 #include <climits>
@@ -30,10 +30,10 @@ struct Case {
 };
 
 const Case kCases[] = {
-    {"alerts", runAlertCases},        {"store", runStoreCases},
-    {"reports", runReportCases},      {"sse", runSseCases},
-    {"database", runDatabaseCases},   {"instructions", runInstructionCases},
-    {"footprint", runFootprintCases},
+    {"alerts", runAlertCases},      {"store", runStoreCases},
+    {"reports", runReportCases},    {"sse", runSseCases},
+    {"database", runDatabaseCases}, {"instructions", runInstructionCases},
+    {"fanout", runFanOutCases},     {"footprint", runFootprintCases},
 };
 
 struct Arguments {
@@ -109,6 +109,9 @@ int runChild(Arguments& arguments) {
     arguments.context.root = root;
     if (arguments.child == "rss" || arguments.child == "threads") {
         return runFootprintChild(arguments.child, arguments.context);
+    }
+    if (arguments.child.rfind("fanout-", 0) == 0) {
+        return runFanOutChild(arguments.child);
     }
     return runInstructionChild(arguments.child);
 }

@@ -14,8 +14,6 @@ namespace {
 constexpr SourceSpot kDefinitionSpot = {"getMetricReportDefinition", __LINE__};
 constexpr SourceSpot kSequenceSpot = {"getReportSequence", __LINE__};
 
-const std::string kNone;
-
 } // namespace
 
 ParsedReport::ParsedReport(const char* text) : text_(text) {
@@ -72,29 +70,25 @@ void ParsedReport::findSequence(const void* parsed) {
 
 const std::string& ParsedReport::definitionUri() const {
     writeParseLines(parseErrors_);
-    switch (definition_) {
-    case Definition::Unparsed:
-        return kNone;
-    case Definition::NameThrew:
+    if (definition_ == Definition::NameThrew) {
         std::rethrow_exception(definitionError_);
-    case Definition::ByName:
-        return definitionUri_;
-    case Definition::Missing:
+    }
+    if (definition_ == Definition::Missing) {
         RF_LOG_AT(kDefinitionSpot, kLogError,
                   "[%s():%d]Could not find MetricReportDefinition Object in event\n");
-        return kNone;
-    default:
-        break;
+    }
+    // Unparsed and Missing hold "", ByName its type's definition: no further line.
+    if (definition_ < Definition::Threw) {
+        return definitionUri_;
     }
     RF_LOG_AT(kDefinitionSpot, kLogInfo, "[%s():%d]found MetricReportDefinition in event\n");
     if (definition_ == Definition::Threw) {
         std::rethrow_exception(definitionError_);
     }
-    if (definition_ == Definition::NoId) {
-        return kNone;
+    if (definition_ != Definition::NoId) {
+        RF_LOG_AT(kDefinitionSpot, kLogError,
+                  "[%s():%d]foud MetricReportDefinition OdataId in event\n");
     }
-    RF_LOG_AT(kDefinitionSpot, kLogError,
-              "[%s():%d]foud MetricReportDefinition OdataId in event\n");
     if (definition_ == Definition::Found) {
         RF_LOG_AT(kDefinitionSpot, kLogInfo, "[%s():%d]OdataId = %s\n", definitionUri_.c_str());
     }
@@ -103,14 +97,12 @@ const std::string& ParsedReport::definitionUri() const {
 
 const std::string& ParsedReport::sequence() const {
     writeParseLines(parseErrors_);
-    switch (sequence_) {
-    case Sequence::Unparsed:
+    if (sequence_ == Sequence::Unparsed) {
         RF_LOG_AT(kSequenceSpot, kLogError, "[%s():%d]Could not find ReportSequence in event\n");
-        return kNone;
-    case Sequence::Missing:
-        return kNone;
-    default:
-        break;
+    }
+    // Unparsed and Missing hold "".
+    if (sequence_ < Sequence::Threw) {
+        return sequenceText_;
     }
     RF_LOG_AT(kSequenceSpot, kLogInfo, "[%s():%d]found ReportSequence in Metric Report\n");
     if (sequence_ == Sequence::Threw) {

@@ -24,7 +24,7 @@ class ParsedReport {
     const std::string& sequence() const;
 
   private:
-    // How the definition was found, in the order of the accessor's steps.
+    // How the definition was found, in the order of the accessor's steps (compared by order).
     enum class Definition { Unparsed, NameThrew, ByName, Missing, Threw, NoId, IdNotText, Found };
     enum class Sequence { Unparsed, Missing, Threw, Found };
 

@@ -43,6 +43,25 @@ char* copyText(const std::string& text) {
     return copy;
 }
 
+// The match is logged under the name of the function the subscriptions' lists have always been
+// matched by.
+constexpr SourceSpot kMatchSpot = {"isReportMatchTheSubscription", __LINE__};
+
+// isReportMatchTheSubscription without the copy of the list.
+bool namesReport(const Json::Value& list, const std::string& definitionUri) {
+    for (const Json::Value& element : list) {
+        if (!element.isObject() || !element.isMember("@odata.id")) {
+            continue;
+        }
+        const Json::Value& id = element["@odata.id"];
+        if (id.isString() && id.asString() == definitionUri) {
+            RF_LOG_AT(kMatchSpot, kLogInfo, "[%s():%d]Report match the subscription data\n");
+            return true;
+        }
+    }
+    return false;
+}
+
 bool hasElements(const Json::Value& subscription, const char* key) {
     return subscription.isMember(key) && !subscription[key].isNull() &&
            subscription[key].size() > 0; // NOLINT(readability-container-size-empty)
@@ -67,12 +86,10 @@ bool isSelected(const std::string& id, const Json::Value& subscription,
     RF_LOG(kLogDebug, "[%s():%d]Found [%s] in [%s] subscription", kMetricReport, id.c_str());
     const bool invalidDestination = subscription.isMember("InvalidDestination");
     if (hasElements(subscription, "MetricReportDefinitions") && !invalidDestination) {
-        return isReportMatchTheSubscription(subscription["MetricReportDefinitions"],
-                                            report.definitionUri());
+        return namesReport(subscription["MetricReportDefinitions"], report.definitionUri());
     }
     if (hasElements(subscription, "OriginResources") && !invalidDestination) {
-        return isReportMatchTheSubscription(subscription["OriginResources"],
-                                            report.definitionUri());
+        return namesReport(subscription["OriginResources"], report.definitionUri());
     }
     RF_LOG(kLogDebug,
            "[%s():%d]Could not find [%s] in [%s] subscription. Obtaining the Destination",
@@ -188,17 +205,7 @@ bool send_report_to_subscription(const ParsedReport& parsed) {
 }
 
 bool isReportMatchTheSubscription(Json::Value list, const std::string& definitionUri) {
-    for (const Json::Value& element : list) {
-        if (!element.isObject() || !element.isMember("@odata.id")) {
-            continue;
-        }
-        const Json::Value& id = element["@odata.id"];
-        if (id.isString() && id.asString() == definitionUri) {
-            RF_LOG(kLogInfo, "[%s():%d]Report match the subscription data\n");
-            return true;
-        }
-    }
-    return false;
+    return namesReport(list, definitionUri);
 }
 
 } // namespace rfevent
