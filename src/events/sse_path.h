@@ -8,9 +8,6 @@ namespace rfevent {
 
 void sendRedFishEvent_SSE(DataEventHeader* header, void* eventContext);
 
-// Number of the last alert handed to the SSE path (0 before the first one).
-uint32_t sseEventCount();
-
 } // namespace rfevent
 
 #endif

@@ -4,6 +4,7 @@
 
 #include "base/guard.h"
 #include "base/log.h"
+#include "platform/platform.h"
 #include "publish/publish.h"
 #include "rfevent/redfish_event.h"
 

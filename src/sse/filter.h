@@ -26,9 +26,6 @@ SseFilterResult filterEventsSSE(const ParsedReport& report, std::list<std::strin
 int sendLog_to_sse(const char* reportJson, const char* type);
 void sendLog_to_sse(const char* reportJson, const BuiltInReport& type);
 
-// Replaces every ";" of message by "%3B".
-void EncodeStr(std::string& message);
-
 // Splits s on every delimiter occurrence, dropping empty pieces.
 std::list<std::string> split(const std::string& s, const std::string& delimiter);
 

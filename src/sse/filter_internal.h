@@ -9,6 +9,9 @@ namespace rfevent {
 // Strips one enclosing pair of parentheses, then one enclosing pair of single quotes.
 std::string removeBraces(std::string s);
 
+// Replaces every ";" of message by "%3B".
+void EncodeStr(std::string& message);
+
 } // namespace rfevent
 
 #endif

@@ -1,4 +1,5 @@
 #include "sse/transport.h"
+#include "sse/transport_internal.h"
 
 #include <arpa/inet.h>
 #include <errno.h>

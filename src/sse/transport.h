@@ -3,20 +3,11 @@
 #ifndef RFEVENT_SSE_TRANSPORT_H
 #define RFEVENT_SSE_TRANSPORT_H
 
-#include <pthread.h>
-
 #include <string>
-#include <string_view>
 
 namespace rfevent {
 
 constexpr int kSsePieceSize = 4096;
-
-// Serialises every FIFO write and every socket connection.
-extern pthread_mutex_t sse_send_mutex;
-// Descriptors of the FIFO write and the socket send in progress; -1 between calls.
-extern int sse_fifo_fd;
-extern int sse_sock_fd;
 
 // Writes msg and its NUL to the SSE FIFO in one write; 0 on success, 1 on failure.
 int send_to_sse(const char* msg);

@@ -21,6 +21,7 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/report.h"
+#include "platform/platform.h"
 #include "publish/publish.h"
 #include "rfevent/redfish_event.h"
 

@@ -5,8 +5,8 @@
 
 #include <cstddef>
 
-#include "base/pipe_thread.h"
 #include "base/builtin_reports.h"
+#include "base/pipe_thread.h"
 #include "telemetry/log_reports.h"
 #include "telemetry/report_db.h"
 

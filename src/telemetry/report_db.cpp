@@ -1,4 +1,5 @@
 #include "telemetry/report_db.h"
+#include "telemetry/report_db_internal.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -6,7 +7,9 @@
 
 #include "base/clock.h"
 #include "base/fd.h"
+#include "base/heap_text.h"
 #include "base/log.h"
+#include "base/mutex_lock.h"
 #include "base/paths.h"
 #include "base/sqlite.h"
 
@@ -50,8 +53,8 @@ int intialize_tdb(void) {
 
 namespace {
 
-// The JSON text of the report at resourcePath on the open connection (caller frees), or null.
-char* lookUp(sqlite3* db, const char* sql, const char* resourcePath) {
+// The JSON text of the report at resourcePath on the open connection, or none.
+HeapText lookUp(sqlite3* db, const char* sql, const char* resourcePath) {
     sqlite3_stmt* prepared = nullptr;
     int status = sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &prepared, nullptr);
     rfevent::SqliteStatement statement(prepared);
@@ -74,13 +77,13 @@ char* lookUp(sqlite3* db, const char* sql, const char* resourcePath) {
         status = sqlite3_step(statement.get());
     }
     const unsigned char* text = sqlite3_column_text(statement.get(), 0);
-    return text != nullptr ? strdup(reinterpret_cast<const char*>(text)) : nullptr;
+    return text != nullptr ? heapCopy(reinterpret_cast<const char*>(text)) : HeapText();
 }
 
 } // namespace
 
 char* execute_report_views(const char* reportName) {
-    pthread_mutex_lock(&reportViewMutex);
+    MutexLock lock(reportViewMutex);
     char sql[kSqlSize];
     std::snprintf(sql, sizeof sql, "select root from JSON where [@odata.id] = ?");
     // A failed open shows up as a failed prepare. The connection lives for this lookup only.
@@ -95,10 +98,9 @@ char* execute_report_views(const char* reportName) {
     std::snprintf(resourcePath, kPathSize - 1, "/redfish/v1/TelemetryService/MetricReports/%s",
                   reportName);
     RF_LOG(kLogDebug, "[%s():%d]SQL Command: [%s]:[%s]", sql, resourcePath);
-    char* result = lookUp(db.get(), sql, resourcePath);
+    HeapText result = lookUp(db.get(), sql, resourcePath);
     db.reset();
-    pthread_mutex_unlock(&reportViewMutex);
-    return result;
+    return result.release();
 }
 
 void addColonToZoneOffset(char* text) {

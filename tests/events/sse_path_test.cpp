@@ -1,4 +1,5 @@
 #include "events/sse_path.h"
+#include "events/sse_path_internal.h"
 
 #include <gtest/gtest.h>
 

@@ -11,10 +11,10 @@
 
 #include <json/json.h>
 
+#include "base/report.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"
-#include "base/report.h"
 #include "publish/publish.h"
 
 namespace {

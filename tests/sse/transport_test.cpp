@@ -22,6 +22,7 @@
 #include "harness/sse_receiver.h"
 #include "harness/wait.h"
 #include "sse/transport.h"
+#include "sse/transport_internal.h"
 
 using namespace rfevent;
 

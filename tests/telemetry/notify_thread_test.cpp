@@ -78,10 +78,9 @@ class Recorder {
 
 // Every name the tests below announce as a report has a report "report-<name>" in the
 // telemetry database, except "Gone".
-const char* const kStoredNames[] = {"Rpt1", "A",      "B",       "CPURegistersX", "Report1",
-                                    "RepFoo", "RepX", "Y",       "Foo",           "ReportZ",
-                                    "Ab1",  "Here",   "Bad",     "Good",          "Longer",
-                                    "S1",   "Rpt"};
+const char* const kStoredNames[] = {
+    "Rpt1",    "A",   "B",    "CPURegistersX", "Report1", "RepFoo", "RepX", "Y",  "Foo",
+    "ReportZ", "Ab1", "Here", "Bad",           "Good",    "Longer", "S1",   "Rpt"};
 
 void storeReports(const std::vector<std::pair<std::string, std::string>>& reports) {
     sqlite3* db = nullptr;
