@@ -17,6 +17,7 @@
 #include "fuzz_support.h"
 #include "rfevent/redfish_event.h"
 #include "sse/filter.h"
+#include "sse/filter_internal.h"
 #include "subscriptions/report_delivery_internal.h"
 #include "subscriptions/store.h"
 

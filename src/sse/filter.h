@@ -10,20 +10,10 @@ namespace rfevent {
 class ParsedReport;
 struct BuiltInReport;
 
-// Sends report to every matching SSE client, one message per distinct filter text; 0.
-int send_report_to_sse(const char* report);
+// Sends report to every matching SSE client, one message per distinct filter text.
 void send_report_to_sse(const ParsedReport& report);
 
-// What filterEventsSSE found: the values are those its callers have always been given.
-enum class SseFilterResult { Matched = 0, Failed = 1, NoneMatched = 2 };
-
-// Appends one message per distinct matching filter: 0 some matched, 2 none, 1 failure.
-int filterEventsSSE(const char* report, std::list<std::string>& messages, std::string idMarker);
-SseFilterResult filterEventsSSE(const ParsedReport& report, std::list<std::string>& messages,
-                                const std::string& idMarker);
-
-// A built-in report to the SSE clients of its type's fixed key: 0, -1 for an unknown type.
-int sendLog_to_sse(const char* reportJson, const char* type);
+// A built-in report to the SSE clients of its type's fixed key.
 void sendLog_to_sse(const char* reportJson, const BuiltInReport& type);
 
 // Splits s on every delimiter occurrence, dropping empty pieces.

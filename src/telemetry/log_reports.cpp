@@ -1,4 +1,5 @@
 #include "telemetry/log_reports.h"
+#include "telemetry/log_reports_internal.h"
 
 #include <errno.h>
 #include <sys/time.h>

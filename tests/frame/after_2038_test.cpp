@@ -22,6 +22,7 @@
 #include "harness/sse_receiver.h"
 #include "rfevent/redfish_event.h"
 #include "telemetry/log_reports.h"
+#include "telemetry/log_reports_internal.h"
 #include "telemetry/report_db.h"
 
 using namespace rfevent;

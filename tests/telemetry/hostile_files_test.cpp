@@ -17,6 +17,7 @@
 #include "harness/sse_receiver.h"
 #include "harness/wait.h"
 #include "telemetry/log_reports.h"
+#include "telemetry/log_reports_internal.h"
 #include "telemetry/serial_log_lock.h"
 #include "telemetry/test_report_thread_internal.h"
 

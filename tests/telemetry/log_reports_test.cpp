@@ -3,6 +3,7 @@
 #include "sse/filter.h"
 #include "sse/filter_internal.h"
 #include "telemetry/log_reports.h"
+#include "telemetry/log_reports_internal.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
