@@ -186,7 +186,8 @@ std::size_t floorSse(const std::string& report, const std::string& definition,
     for (const Json::Value& client : clients) {
         const std::string filter = client["Event-type"].asString();
         if (floorFilterSelects(filter, definition)) {
-            std::string message = filter + "=" + tail;
+            std::string message = filter;
+            message.append(1, '=').append(tail);
             if (std::find(messages.begin(), messages.end(), message) == messages.end()) {
                 messages.push_back(std::move(message));
             }

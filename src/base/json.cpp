@@ -50,7 +50,7 @@ QuietLoad loadJsonObjectQuietly(const char* path, Json::Value& root) {
         return errno == ENOENT ? QuietLoad::Absent : QuietLoad::Unparsable;
     }
     std::string errors;
-    if (!parseJsonQuietly(text, root, errors)) {
+    if (!parseJsonQuietly(text.data(), text.size(), root, errors)) {
         return QuietLoad::Unparsable;
     }
     if (!root.isObject()) {
@@ -65,11 +65,12 @@ std::string writeCompactJson(const Json::Value& value) {
     return Json::writeString(writer, value);
 }
 
-bool parseJsonQuietly(std::string_view text, Json::Value& root, std::string& errors) {
+bool parseJsonQuietly(const char* text, std::size_t length, Json::Value& root,
+                      std::string& errors) {
     try {
         Json::CharReaderBuilder builder;
         std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        return reader->parse(text.data(), text.data() + text.size(), &root, &errors);
+        return reader->parse(text, text + length, &root, &errors);
     } catch (const std::exception& error) {
         // Too deep nesting, for one: a failed parse, never an exception for the caller.
         errors = error.what();
@@ -117,7 +118,7 @@ template <typename Parse> bool parseReportingErrors(rfevent::SourceSpot spot, Pa
 bool RF_Json_Reader::parse(std::string text, Json::Value& root, bool collectComments) {
     (void)collectComments;
     std::string errors;
-    const bool ok = rfevent::parseJsonQuietly(text, root, errors);
+    const bool ok = rfevent::parseJsonQuietly(text.data(), text.size(), root, errors);
     rfevent::writeParseLines(errors);
     return ok;
 }

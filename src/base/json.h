@@ -3,8 +3,8 @@
 #ifndef RFEVENT_BASE_JSON_H
 #define RFEVENT_BASE_JSON_H
 
+#include <cstddef>
 #include <string>
-#include <string_view>
 
 #include <json/json.h>
 
@@ -37,9 +37,10 @@ QuietLoad loadJsonObjectQuietly(const char* path, Json::Value& root);
 // Compact JSON (no indentation), members in the library's ascending order.
 std::string writeCompactJson(const Json::Value& value);
 
-// Parses text as RF_Json_Reader::parse does, without a line: errors gets what the library
+// Parses the length characters of text as RF_Json_Reader::parse does, without a line: errors
+// gets what the library
 // reported, or what it raised (the parse then failed).
-bool parseJsonQuietly(std::string_view text, Json::Value& root, std::string& errors);
+bool parseJsonQuietly(const char* text, std::size_t length, Json::Value& root, std::string& errors);
 
 // The lines RF_Json_Reader::parse writes around a parse that reported errors ("" = none).
 void writeParseLines(const std::string& errors);

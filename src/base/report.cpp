@@ -1,5 +1,7 @@
 #include "base/report.h"
 
+#include <cstring>
+
 #include <json/json.h>
 
 #include "base/builtin_reports.h"
@@ -22,7 +24,7 @@ ParsedReport::ParsedReport(const char* text) : text_(text) {
     }
     Json::Value root;
     // A report whose top level is not an object has no fields.
-    if (!parseJsonQuietly(text, root, parseErrors_) || !root.isObject()) {
+    if (!parseJsonQuietly(text, std::strlen(text), root, parseErrors_) || !root.isObject()) {
         return;
     }
     findDefinition(&root);

@@ -28,8 +28,8 @@ class ParsedReport {
     enum class Definition { Unparsed, NameThrew, ByName, Missing, Threw, NoId, IdNotText, Found };
     enum class Sequence { Unparsed, Missing, Threw, Found };
 
-    void findDefinition(const void* root);
-    void findSequence(const void* root);
+    void findDefinition(const void* parsed); // parsed: the Json::Value of the report
+    void findSequence(const void* parsed);
 
     const char* text_;
     std::string parseErrors_;
