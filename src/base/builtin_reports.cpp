@@ -67,7 +67,11 @@ const BuiltInReport* builtInReportOfType(const char* type, BuiltInOrder order) {
     return nullptr;
 }
 
-const BuiltInReport* builtInReportCommanded(const char* name, std::size_t length) {
+static_assert(kLongestBuiltInCommand >= sizeof "seriallog" - 1 &&
+                  kLongestBuiltInCommand >= sizeof "CPURegisters" - 1,
+              "every command fits the longest command's length");
+
+const BuiltInReport* builtInReportCommandedShort(const char* name, std::size_t length) {
     for (const BuiltInReport* report : kSerialLogFirst) {
         if (isLeadingPart(name, length, report->command, report->commandLength, true)) {
             return report;

@@ -44,9 +44,18 @@ enum class BuiltInOrder { SerialLogFirst, CpuRegistersFirst };
 // for no type.
 const BuiltInReport* builtInReportOfType(const char* type, BuiltInOrder order);
 
+// The length of the longest command: a longer name commands nothing.
+constexpr std::size_t kLongestBuiltInCommand = sizeof "CPURegisters" - 1;
+
+// builtInReportCommanded for a name no longer than kLongestBuiltInCommand.
+const BuiltInReport* builtInReportCommandedShort(const char* name, std::size_t length);
+
 // The type whose command the name (length characters, case ignored) is a leading part of, the
-// serial log tested first; an empty name is one. Null for no type.
-const BuiltInReport* builtInReportCommanded(const char* name, std::size_t length);
+// serial log tested first; an empty name is one. Null for no type. Every announced report name
+// passes here: the usual, longer one is answered without a call.
+inline const BuiltInReport* builtInReportCommanded(const char* name, std::size_t length) {
+    return length > kLongestBuiltInCommand ? nullptr : builtInReportCommandedShort(name, length);
+}
 
 // The type whose command is exactly name, or null.
 const BuiltInReport* builtInReportByCommand(const std::string& name);
