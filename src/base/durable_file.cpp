@@ -9,6 +9,7 @@
 
 #include "base/durable_file_internal.h"
 #include "base/fd.h"
+#include "base/heap_text.h"
 
 namespace rfevent {
 
@@ -31,9 +32,8 @@ RewriteCalls g_calls = kRealCalls;
 // it does not exist yet).
 std::string resolvedTarget(const std::string& path) {
     std::string target = path;
-    if (char* resolved = ::realpath(path.c_str(), nullptr)) {
-        target = resolved;
-        std::free(resolved);
+    if (const HeapText resolved{::realpath(path.c_str(), nullptr)}) {
+        target = resolved.get();
     }
     return target;
 }

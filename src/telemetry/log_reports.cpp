@@ -18,6 +18,7 @@
 #include "base/file.h"
 #include "base/log.h"
 #include "base/paths.h"
+#include "platform/platform.h"
 #include "rfevent/redfish_event.h"
 #include "sse/transport.h"
 #include "subscriptions/report_delivery.h"
@@ -116,15 +117,15 @@ int sendSerialLogToSSE() {
         g_heldSerialLogLock.store(lockFd, std::memory_order_relaxed);
         return -1;
     }
-    long size = 0;
-    char* buffer = rfevent::readWholeFile(capture.get(), &size, RF_HERE, kSerialLogRead);
-    if (buffer == nullptr) {
+    std::string capturedText;
+    if (!rfevent::readWholeFileLogged(capture.get(), capturedText, RF_HERE, kSerialLogRead)) {
         capture.reset();
         unlockSerialLog(lockFd, nullptr);
         return -1;
     }
     // The payload ends at the first NUL byte of the capture.
-    std::string document = GenerateLogEntryJsonForTelemetry(std::string(buffer), kSerialLogType);
+    std::string document =
+        GenerateLogEntryJsonForTelemetry(std::string(capturedText.c_str()), kSerialLogType);
     capture.reset();
     utl_echo_write(document.c_str(), document.size(), fixedPath(FixedPath::SerialLogReport), 1, 1);
 
@@ -137,7 +138,6 @@ int sendSerialLogToSSE() {
 
     sendLog_to_sse(document.c_str(), kSerialLogType);
     send_report_to_subscription(document.c_str());
-    std::free(buffer);
     RF_EXIT();
     return result;
 }
@@ -150,17 +150,15 @@ void sendCPUDumpToTelemetry() {
         RF_LOG(kLogError, "[%s():%d]File could not be read in local export function Exit");
         return;
     }
-    long size = 0;
-    char* buffer = rfevent::readWholeFile(dump.get(), &size, RF_HERE, kCpuDumpRead);
-    if (buffer == nullptr) {
+    std::string dumpText;
+    if (!rfevent::readWholeFileLogged(dump.get(), dumpText, RF_HERE, kCpuDumpRead)) {
         return;
     }
-    char* encoded = base64Encode(reinterpret_cast<const unsigned char*>(buffer),
-                                 static_cast<std::size_t>(size), nullptr);
+    char* encoded = base64Encode(reinterpret_cast<const unsigned char*>(dumpText.data()),
+                                 dumpText.size(), nullptr);
     int status = sendCPURegisterReport(encoded, kCpuRegistersType);
     dump.reset();
     RF_LOG(kLogInfo, "[%s():%d]status:%d", status);
-    std::free(buffer);
     std::free(encoded);
     RF_EXIT();
 }
