@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "cases.h"
+#include "base/pipe_thread_internal.h"
 #include "events/event_record.h"
 #include "events/subscriber_path.h"
 #include "harness/sandbox.h"

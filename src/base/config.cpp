@@ -1,10 +1,12 @@
 #include "base/config.h"
+#include "base/config_internal.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "base/log.h"
+#include "platform/platform.h"
 
 namespace rfevent {
 

@@ -6,6 +6,7 @@
 #include "base/log.h"
 #include "events/sse_path.h"
 #include "events/subscriber_path.h"
+#include "platform/platform.h"
 #include "rfevent/redfish_event.h"
 
 namespace rfevent {
