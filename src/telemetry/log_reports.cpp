@@ -50,7 +50,7 @@ bool isType(const char* type, const char* name) {
 // "2024-05-01T13:45:10.123Z"; the three digits are the microseconds modulo 1000.
 Json::Value reportTimestamp() {
     struct timeval now = {};
-    if (readWallClock(&now) != 0) {
+    if (!readWallClock(&now)) {
         RF_LOG(kLogInfo, "[%s():%d]fetching time failed,setting timestamp to NULL");
         return Json::Value(Json::nullValue);
     }
