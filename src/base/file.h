@@ -3,17 +3,14 @@
 #define RFEVENT_BASE_FILE_H
 
 #include <cstdio>
-#include <memory>
 #include <string>
 
 #include "base/log.h"
+#include "base/owned.h"
 
 namespace rfevent {
 
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
+using UniqueFile = Owned<std::FILE, ::fclose>;
 
 // Opens path for reading with close-on-exec; null when it cannot be opened. With noFollow a
 // symbolic link at path is refused, so a link planted there cannot redirect the read.
