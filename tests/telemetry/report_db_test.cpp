@@ -1,5 +1,6 @@
 // Report lookups in a real SQLite database built under the sandbox root.
 #include "telemetry/report_db.h"
+#include "telemetry/report_db_internal.h"
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
