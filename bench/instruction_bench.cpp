@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "cases.h"
 #include "base/pipe_thread_internal.h"
+#include "cases.h"
 #include "events/event_record.h"
 #include "events/subscriber_path.h"
 #include "harness/sandbox.h"
