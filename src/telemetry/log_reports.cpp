@@ -124,8 +124,8 @@ int sendSerialLogToSSE() {
         return -1;
     }
     // The payload ends at the first NUL byte of the capture.
-    std::string document =
-        GenerateLogEntryJsonForTelemetry(std::string(capturedText.c_str()), kSerialLogType);
+    std::string document = GenerateLogEntryJsonForTelemetry(
+        capturedText.substr(0, capturedText.find('\0')), kSerialLogType);
     capture.reset();
     utl_echo_write(document.c_str(), document.size(), fixedPath(FixedPath::SerialLogReport), 1, 1);
 
