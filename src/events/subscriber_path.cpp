@@ -5,10 +5,9 @@
 #include "base/json.h"
 #include "base/log.h"
 #include "base/paths.h"
-#include "delivery/single_post.h"
 #include "events/event_record.h"
 #include "platform/platform.h"
-#include "subscriptions/retry_policy.h"
+#include "subscriptions/delivery_failure.h"
 #include "subscriptions/subscription.h"
 
 namespace rfevent {
@@ -22,26 +21,6 @@ struct AlertCall {
     std::string timestamp;
     NumericDynamicSegment numericIds;
 };
-
-// Suspends or removes a subscription whose destination stayed unreachable.
-void applyRetryPolicy(const std::string& id, const Json::Value& subscription) {
-    if (!subscription.isMember("DeliveryRetryPolicy")) {
-        return;
-    }
-    const auto policy = rfevent::parseRetryPolicy(subscription["DeliveryRetryPolicy"].asString());
-    if (policy == rfevent::RetryPolicy::Other) {
-        RF_LOG(kLogDebug, "[%s():%d]No change to the subscription: %s \n", id.c_str());
-        return;
-    }
-    int status = enforceRetryPolicy(RF_HERE, policy, id);
-    if (policy == rfevent::RetryPolicy::Terminate) {
-        if (status == 0) {
-            RF_LOG(kLogDebug, "[%s():%d]Terminating subscription success");
-        } else {
-            RF_LOG(kLogError, "[%s():%d]Terminating subscription failed");
-        }
-    }
-}
 
 void deliver(AlertCall& call, const std::string& id, const Json::Value& subscription) {
     Json::Value document =
@@ -59,13 +38,11 @@ void deliver(AlertCall& call, const std::string& id, const Json::Value& subscrip
     if (call.numericIds.FormatResponseWithNumericId(text) == 0) {
         RF_LOG(kLogDebug, "[%s():%d]Event Modified successfully with NumericIDs!");
     }
-    bool failed = false;
-    sendHTTPPacketByCURL(text.c_str(), destination.c_str(), headers, &failed, id);
-    if (!failed) {
+    if (!postToSubscriber(text.c_str(), destination.c_str(), headers, id).failed()) {
         RF_LOG(kLogDebug, "[%s():%d]sendHTTPPacketByCURL success \n");
         return;
     }
-    applyRetryPolicy(id, subscription);
+    applyPolicyOrKeep(id, subscription);
 }
 
 // Serves one subscription; false when the walk must stop (an empty "EventTypes").

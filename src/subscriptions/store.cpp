@@ -156,15 +156,10 @@ int setSubscriptionState(const std::string& subscriptionId, const char* state) {
     return status;
 }
 
-void removeFromSubscription(std::vector<DeliveryTarget*>& targets) {
+void removeFromSubscription(std::vector<DeliveryTarget>& targets) {
     RF_ENTER();
-    for (DeliveryTarget*& target : targets) {
-        if (target == nullptr) {
-            continue;
-        }
-        releaseRecordFields(RF_HERE, *target);
-        std::free(target);
-        target = nullptr;
+    for (const DeliveryTarget& target : targets) {
+        logRecordRelease(RF_HERE, target.subscription);
     }
     targets.clear();
     RF_EXIT();
