@@ -1,4 +1,5 @@
 #include "events/subscriber_path.h"
+#include "events/subscriber_path_internal.h"
 
 #include <string>
 
