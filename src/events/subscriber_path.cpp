@@ -46,30 +46,36 @@ void deliver(AlertCall& call, const std::string& id, const Json::Value& subscrip
     applyPolicyOrKeep(id, subscription);
 }
 
-// Serves one subscription; false when the walk must stop (an empty "EventTypes").
-bool serveSubscription(AlertCall& call, const std::string& id, const Json::Value& subscription) {
+// Whether the walk over the store goes on after a subscription.
+enum class Walk {
+    Next, // on to the next subscription
+    Stop, // an empty "EventTypes": later subscriptions get nothing for this alert
+};
+
+// Serves one subscription.
+Walk serveSubscription(AlertCall& call, const std::string& id, const Json::Value& subscription) {
     if (!isUsableSubscription(RF_HERE, id, subscription)) {
-        return true;
+        return Walk::Next;
     }
     if (subscription.isMember("EventFormatType") &&
         shortText(subscription["EventFormatType"]) == "MetricReport") {
         RF_LOG(kLogDebug, "[%s():%d]SubscriptionId:%s is not Event as EventFormatType", id.c_str());
-        return true;
+        return Walk::Next;
     }
     const Json::Value& eventTypes = subscription["EventTypes"];
     if (!eventTypes.isArray()) {
         RF_LOG(kLogDebug, "[%s():%d]EventType is not an array\n");
-        return true;
+        return Walk::Next;
     }
     if (eventTypes.empty()) {
-        return false; // later subscriptions get nothing for this alert
+        return Walk::Stop;
     }
     if (!holdsOnlyText(RF_HERE, id, eventTypes, "EventTypes")) {
-        return true;
+        return Walk::Next;
     }
     if (subscriptionState(subscription) == SubscriptionState::Disabled) {
         RF_LOG(kLogDebug, "[%s():%d]Disabled subscription found, skipping...");
-        return true;
+        return Walk::Next;
     }
     // Every "Alert" element is one delivery, so a repeated element delivers twice.
     for (Json::ArrayIndex i = 0; i < eventTypes.size(); ++i) {
@@ -79,7 +85,7 @@ bool serveSubscription(AlertCall& call, const std::string& id, const Json::Value
         }
         deliver(call, id, subscription);
     }
-    return true;
+    return Walk::Next;
 }
 
 } // namespace
@@ -104,7 +110,7 @@ void sendRedFishEvent(DataEventHeader* header, void* eventContext) {
     // Walks the in-memory copy: a subscription suspended or removed on the way is still served
     // for its remaining "EventTypes" elements.
     for (auto it = store.begin(); it != store.end(); ++it) {
-        if (!serveSubscription(call, it.name(), *it)) {
+        if (serveSubscription(call, it.name(), *it) == Walk::Stop) {
             break;
         }
     }
