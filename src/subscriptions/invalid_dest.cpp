@@ -2,7 +2,6 @@
 #include "subscriptions/invalid_dest_internal.h"
 
 #include <algorithm>
-#include <memory>
 #include <optional>
 #include <utility>
 
@@ -87,15 +86,15 @@ namespace {
 // The queue is released at unload, unless worker threads were started: they are never stopped,
 // so from then on the queue must stay until the process ends.
 struct QueueOwner {
-    std::unique_ptr<InvalidDestinationQueue> queue = std::make_unique<InvalidDestinationQueue>();
+    InvalidDestinationQueue* queue = new InvalidDestinationQueue;
     ~QueueOwner() {
         if (g_workersStarted.load(std::memory_order_relaxed)) {
-            (void)queue.release(); // left to the threads, which outlive the plug-in
             return;
         }
         for (const InvalidDestinationRecord& record : queue->records) {
             logRecordRelease(RF_HERE, record.subscription);
         }
+        delete queue;
     }
 };
 
