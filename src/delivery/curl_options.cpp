@@ -10,6 +10,7 @@
 #include "base/paths.h"
 #include "delivery/http_headers.h"
 #include "delivery/session_cache.h"
+#include "delivery/tls_credentials.h"
 
 namespace rfevent {
 
@@ -49,6 +50,16 @@ curl_socket_t openTransferSocket(void* context, curlsocktype purpose, curl_socka
     (void)purpose;
     UniqueFd fd(::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol));
     return fd.valid() ? fd.release() : CURL_SOCKET_BAD;
+}
+
+// A handshake that the TLS library ends in its error state ends its transfer, through the
+// progress function. The function is set before progress is turned on (without it libcurl
+// would write a progress meter to the host's standard error); these options never fail.
+void setHandshakeWatch(CURL* curl) {
+    if (curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, endFailedHandshake) == CURLE_OK &&
+        curl_easy_setopt(curl, CURLOPT_XFERINFODATA, static_cast<void*>(curl)) == CURLE_OK) {
+        (void)curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    }
 }
 
 // A POST takes nothing of the host's process that is not its own: libcurl leaves the signal
@@ -156,6 +167,7 @@ bool setPostOptions(SourceSpot spot, CURL* curl, const char* uri, const char* bo
         return false;
     }
     (void)curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, discardBody);
+    setHandshakeWatch(curl);
     attachSessionCache(curl, uri, settings.certificateSwitch == VERIFY_CERTIFICATES);
     return true;
 }

@@ -33,6 +33,12 @@ constexpr std::uint64_t kFnvPrime = 0x100000001b3ULL;
 
 std::atomic<bool> g_failParses{false};
 
+// Where a TLS context keeps the transfer it was made for; -1 until the library is prepared.
+std::atomic<int> g_transferSlot{-1};
+
+// What a transfer's private pointer holds once its handshake has ended in the error state.
+char g_failedHandshake;
+
 // 64-bit FNV-1a over one more piece.
 std::uint64_t hashBytes(std::uint64_t hash, const void* data, std::size_t length) {
     const auto* bytes = static_cast<const unsigned char*>(data);
@@ -226,6 +232,10 @@ bool prepareTlsLibrary() {
     const uint64_t parts = OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS |
                            OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS;
     bool ready = OPENSSL_init_ssl(parts, nullptr) == 1;
+    if (ready && g_transferSlot.load(std::memory_order_relaxed) < 0) {
+        g_transferSlot.store(SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr),
+                             std::memory_order_relaxed);
+    }
     if (ready) {
         fetchEveryAlgorithm();
     }
@@ -304,9 +314,45 @@ CURLcode TlsCredentials::install(void* sslContext) const {
     return result;
 }
 
+namespace {
+
+// A handshake step that fails for want of memory ends in the TLS library's error state. When
+// the last read of its transport had found no data yet, libcurl takes the failed step for one
+// that waits, and every later step returns at once without reading, so nothing changes that:
+// libcurl calls the handshake again for as long as the socket is readable, at full speed,
+// holding the POST lock, until its own connect limit when the POST has no time-out. When a
+// step ends in the error state, the transfer is marked, and its progress function ends it.
+void markHandshakeInErrorState(const SSL* connection, int where, int result) {
+    if ((where & SSL_CB_EXIT) == 0 || result > 0 ||
+        std::strcmp(SSL_state_string(connection), "SSLERR") != 0) {
+        return;
+    }
+    const int slot = g_transferSlot.load(std::memory_order_relaxed);
+    void* curl = slot < 0 ? nullptr : SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), slot);
+    if (curl != nullptr) {
+        (void)curl_easy_setopt(static_cast<CURL*>(curl), CURLOPT_PRIVATE,
+                               static_cast<void*>(&g_failedHandshake));
+    }
+}
+
+} // namespace
+
+int endFailedHandshake(void* curl, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    void* mark = nullptr;
+    if (curl_easy_getinfo(static_cast<CURL*>(curl), CURLINFO_PRIVATE, &mark) != CURLE_OK) {
+        return 0;
+    }
+    return mark == &g_failedHandshake ? 1 : 0;
+}
+
 CURLcode prepareTlsContext(CURL* curl, void* sslContext, void* credentials) {
-    (void)curl;
     SSL_CTX_set_keylog_callback(static_cast<SSL_CTX*>(sslContext), nullptr);
+    // A new connection's handshake starts unmarked; the context knows its transfer.
+    (void)curl_easy_setopt(curl, CURLOPT_PRIVATE, static_cast<void*>(nullptr));
+    const int slot = g_transferSlot.load(std::memory_order_relaxed);
+    if (slot >= 0 && SSL_CTX_set_ex_data(static_cast<SSL_CTX*>(sslContext), slot, curl) == 1) {
+        SSL_CTX_set_info_callback(static_cast<SSL_CTX*>(sslContext), markHandshakeInErrorState);
+    }
     if (credentials == nullptr) {
         return CURLE_OK;
     }

@@ -58,8 +58,13 @@ class TlsCredentials {
 // libcurl's callback for every TLS context it makes for a POST (credentials: the parsed
 // TlsCredentials to install, or null when the transfer loads the files itself). It first
 // removes the key-log callback libcurl installs when SSLKEYLOGFILE is in the environment: no
-// secret of the plug-in's connections is ever written out.
+// secret of the plug-in's connections is ever written out. It then has the context mark the
+// transfer when a handshake step ends in the TLS library's error state.
 CURLcode prepareTlsContext(CURL* curl, void* sslContext, void* credentials);
+
+// The progress function of every POST (context: the transfer's handle): it ends a transfer
+// whose handshake was marked, which libcurl would otherwise go on driving without end.
+int endFailedHandshake(void* curl, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
 
 } // namespace rfevent
 

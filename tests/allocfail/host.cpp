@@ -1,6 +1,6 @@
 // A host that loads the plug-in and runs its delivery paths while allocations fail, then
 // checks that it survived and that deliveries resume once allocations succeed again. Run it
-// with the allocation-failure shim preloaded (scripts/allocfail.sh does):
+// with the allocation-failure shim preloaded (scripts/gates/55-allocfail.sh does):
 //
 //   LD_PRELOAD=liballocfail.so rfevent_allocfail_host [plug-in] [one in N] [seed]
 //

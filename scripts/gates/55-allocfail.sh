@@ -5,11 +5,8 @@
 # every one of which must arrive. A host that dies (abort, crash) or deliveries that do not
 # resume fail the gate. Each run uses other failure rates and seeds (RFEVENT_ALLOCFAIL_RATES,
 # RFEVENT_ALLOCFAIL_SEEDS change them). Reuses the build of scripts/test-all.sh (BUILD_DIR,
-# default build/), building what it needs first. Not yet one of the gates of scripts/test-all.sh:
-# a handshake that OpenSSL ends in its error state while an allocation fails can leave libcurl
-# calling it again without end (with a retry interval of 0 no time-out ends it), so some runs
-# hang; docs/quality-gates.md has what is known.
-source "$(dirname "$0")/gates/_common.bash"
+# default build/), building what it needs first.
+source "$(dirname "$0")/_common.bash"
 scripts/install-deps.sh
 build=${BUILD_DIR:-build}
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRFEVENT_BUILD_TESTS=ON \
