@@ -266,9 +266,7 @@ void failCredentialParses(bool on) {
     g_failParses.store(on, std::memory_order_relaxed);
 }
 
-TlsCredentials::~TlsCredentials() {
-    delete parsed_;
-}
+TlsCredentials::~TlsCredentials() = default;
 
 bool TlsCredentials::usable(bool checking) const {
     return parsed_ != nullptr && parsed_->certificate != nullptr && parsed_->key != nullptr &&
