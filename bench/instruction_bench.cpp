@@ -14,9 +14,11 @@
 #include <string>
 #include <vector>
 
+#include "base/pipe_thread_internal.h"
 #include "cases.h"
 #include "events/event_record.h"
 #include "events/subscriber_path.h"
+#include "events/subscriber_path_internal.h"
 #include "harness/sandbox.h"
 #include "platform/platform.h"
 #include "telemetry/notify_thread_internal.h"

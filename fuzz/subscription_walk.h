@@ -48,7 +48,7 @@ inline int subscriptionWalk(const uint8_t* data, std::size_t size) {
     Json::Value store;
     RF_Json_Reader reader;
     if (reader.parse(in[0], store) && store.isObject()) {
-        std::vector<DeliveryTarget*> targets;
+        std::vector<DeliveryTarget> targets;
         try {
             selectTargets(store, ParsedReport(report.c_str()), targets);
         } catch (const std::exception&) {

@@ -12,13 +12,13 @@ int systemClock(struct timeval* now) {
 
 std::atomic<WallClock> g_wallClock{systemClock};
 
-int readWallClock(struct timeval* now) {
-    return g_wallClock.load(std::memory_order_relaxed)(now);
+bool readWallClock(struct timeval* now) {
+    return g_wallClock.load(std::memory_order_relaxed)(now) == 0;
 }
 
 std::time_t wallClockSeconds() {
     struct timeval now = {};
-    if (readWallClock(&now) != 0) {
+    if (!readWallClock(&now)) {
         return static_cast<std::time_t>(-1);
     }
     return now.tv_sec;

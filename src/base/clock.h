@@ -9,8 +9,8 @@
 
 namespace rfevent {
 
-// The current time with microseconds (gettimeofday); 0 on success.
-int readWallClock(struct timeval* now);
+// The current time with microseconds (gettimeofday); false when it cannot be read.
+bool readWallClock(struct timeval* now);
 
 // Seconds since the epoch, or (time_t)-1 when the clock cannot be read, as time() gives them.
 std::time_t wallClockSeconds();

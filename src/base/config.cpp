@@ -1,10 +1,12 @@
 #include "base/config.h"
+#include "base/config_internal.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "base/log.h"
+#include "platform/platform.h"
 
 namespace rfevent {
 
@@ -30,20 +32,33 @@ void copyBounded(char* dst, const char* src, uint32_t dstLen) {
     dst[length] = '\0';
 }
 
-// String and enumeration attributes: the body refers to the text inside the object. A text
-// that cannot be resolved is reported as success with an empty value.
-int copyReferencedText(SMILObj* object, uint16_t typeCode, char* dst, uint32_t dstLen) {
-    void* body = nullptr;
-    int rc = client_get_obj_body_ptr(object, &body, typeCode);
+// The object's body of the expected type: 0 with *body set, or the status to return (the
+// manager's, or -1 for an object without a body).
+int typedBody(SMILObj* object, uint16_t typeCode, void** body) {
+    *body = nullptr;
+    int rc = client_get_obj_body_ptr(object, body, typeCode);
     if (rc != 0) {
         RF_LOG(kLogError, "[%s():%d]client_get_obj_body_ptr failure, rc: %d", rc);
         return rc;
     }
-    if (body == nullptr) {
-        if (typeCode == CFG_TYPE_ENUMERATION) {
-            RF_LOG(kLogDebug, "[%s():%d]pEnumAttr is NULL\n");
-        }
-        return -1;
+    if (*body != nullptr) {
+        return 0;
+    }
+    if (typeCode == CFG_TYPE_ENUMERATION) {
+        RF_LOG(kLogDebug, "[%s():%d]pEnumAttr is NULL\n");
+    } else if (typeCode == CFG_TYPE_INTEGER) {
+        RF_LOG(kLogDebug, "[%s():%d]pIntAttr is NULL\n");
+    }
+    return -1;
+}
+
+// String and enumeration attributes: the body refers to the text inside the object. A text
+// that cannot be resolved is reported as success with an empty value.
+int copyReferencedText(SMILObj* object, uint16_t typeCode, char* dst, uint32_t dstLen) {
+    void* body = nullptr;
+    const int rc = typedBody(object, typeCode, &body);
+    if (rc != 0) {
+        return rc;
     }
     uint32_t ref = 0;
     std::memcpy(&ref, body, sizeof ref); // valueRef and currentValueRef share the layout
@@ -58,19 +73,32 @@ int copyReferencedText(SMILObj* object, uint16_t typeCode, char* dst, uint32_t d
 
 int printInteger(SMILObj* object, char* dst, uint32_t dstLen) {
     void* body = nullptr;
-    int rc = client_get_obj_body_ptr(object, &body, CFG_TYPE_INTEGER);
+    const int rc = typedBody(object, CFG_TYPE_INTEGER, &body);
     if (rc != 0) {
-        RF_LOG(kLogError, "[%s():%d]client_get_obj_body_ptr failure, rc: %d", rc);
         return rc;
-    }
-    if (body == nullptr) {
-        RF_LOG(kLogDebug, "[%s():%d]pIntAttr is NULL\n");
-        return -1;
     }
     int32_t value = 0;
     std::memcpy(&value, body, sizeof value);
     std::snprintf(dst, dstLen, "%d", value);
     return 0;
+}
+
+// How a numeric attribute's read is logged, each text without its "[%s():%d]" head.
+struct NumberTexts {
+    const char* read;   // followed by the value and a space (level 4)
+    const char* failed; // level 2
+};
+
+// A numeric attribute read into an 11-byte buffer and converted with strtol base 10 (text that
+// is no number gives 0); 0 when it cannot be read. Logged under the getter's spot.
+int readNumberAttribute(SourceSpot spot, const char* key, const NumberTexts& texts) {
+    char buffer[11] = {};
+    if (GetAttrObjByKey(key, buffer, sizeof buffer) != 0) {
+        RF_LOG_AT(spot, kLogError, "[%s():%d]%s", texts.failed);
+        return 0;
+    }
+    RF_LOG_AT(spot, kLogDebug, "[%s():%d]%s%s ", texts.read, buffer);
+    return static_cast<int>(std::strtol(buffer, nullptr, 10));
 }
 
 } // namespace
@@ -116,30 +144,20 @@ int GetAttrObjByKey(const char* key, char* dst, uint32_t dstLen) {
 
 int getDeliveryRetryAttemptsValue() {
     RF_ENTER();
-    char buffer[11] = {};
-    int value = 0;
-    if (GetAttrObjByKey(kRetryAttemptsKey, buffer, sizeof buffer) == 0) {
-        RF_LOG(kLogDebug, "[%s():%d]deliveryRetryAttempts::%s ", buffer);
-        value = static_cast<int>(std::strtol(buffer, nullptr, 10));
-    } else {
-        RF_LOG(kLogError, "[%s():%d]GetAttrObjByKey FAILED for deliveryRetryAttempts, so skip this "
-                          "attribute\n");
-    }
+    const int value = readNumberAttribute(
+        RF_HERE, kRetryAttemptsKey,
+        {"deliveryRetryAttempts::",
+         "GetAttrObjByKey FAILED for deliveryRetryAttempts, so skip this attribute\n"});
     RF_EXIT();
     return value;
 }
 
 int getDeliveryRetryIntervalSeconds() {
     RF_ENTER();
-    char buffer[11] = {};
-    int value = 0;
-    if (GetAttrObjByKey(kRetryIntervalKey, buffer, sizeof buffer) == 0) {
-        RF_LOG(kLogDebug, "[%s():%d]GetAttrObjByKey SUCCESS for deliveryRetryIntervalInSeconds:%s ",
-               buffer);
-        value = static_cast<int>(std::strtol(buffer, nullptr, 10));
-    } else {
-        RF_LOG(kLogError, "[%s():%d]GetAttrObjByKey FAILED for deliveryRetryIntervalInSeconds \n");
-    }
+    const int value =
+        readNumberAttribute(RF_HERE, kRetryIntervalKey,
+                            {"GetAttrObjByKey SUCCESS for deliveryRetryIntervalInSeconds:",
+                             "GetAttrObjByKey FAILED for deliveryRetryIntervalInSeconds \n"});
     RF_EXIT();
     return value;
 }

@@ -9,6 +9,7 @@
 
 #include "base/durable_file_internal.h"
 #include "base/fd.h"
+#include "base/heap_text.h"
 
 namespace rfevent {
 
@@ -31,9 +32,8 @@ RewriteCalls g_calls = kRealCalls;
 // it does not exist yet).
 std::string resolvedTarget(const std::string& path) {
     std::string target = path;
-    if (char* resolved = ::realpath(path.c_str(), nullptr)) {
-        target = resolved;
-        std::free(resolved);
+    if (const HeapText resolved{::realpath(path.c_str(), nullptr)}) {
+        target = resolved.get();
     }
     return target;
 }
@@ -46,12 +46,13 @@ std::string folderOf(const std::string& path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-int flush(int fd) {
+// fsync, resumed after an interruption; false (errno set) when it failed.
+bool flush(int fd) {
     int status = 0;
     do {
         status = g_calls.fsync(fd);
     } while (status != 0 && errno == EINTR);
-    return status;
+    return status == 0;
 }
 
 RewriteOutcome failed(RewriteStep step) {
@@ -77,7 +78,7 @@ RewriteOutcome fillTemporary(int fd, const std::string& target, const std::strin
     if (!g_calls.writeAll(fd, content.data(), content.size())) {
         return failed(RewriteStep::Write);
     }
-    if (durable && flush(fd) != 0) {
+    if (durable && !flush(fd)) {
         return failed(RewriteStep::Flush);
     }
     return RewriteOutcome{};
@@ -89,7 +90,7 @@ RewriteOutcome flushFolder(const std::string& folder) {
         return failed(RewriteStep::FolderFlush);
     }
     RewriteOutcome outcome;
-    if (flush(fd.get()) != 0) {
+    if (!flush(fd.get())) {
         outcome = failed(RewriteStep::FolderFlush);
     }
     g_calls.close(fd.release());

@@ -7,8 +7,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 namespace rfevent {
 
 UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
@@ -64,6 +62,16 @@ bool sigpipePending() {
     return sigismember(&pending, SIGPIPE) == 1;
 }
 
+// One write() of the whole buffer, repeated only when a signal interrupted it before anything
+// was written. The result is write()'s.
+ssize_t writeOnce(int fd, const void* data, std::size_t length) {
+    ssize_t written = 0;
+    do {
+        written = ::write(fd, data, length);
+    } while (written < 0 && errno == EINTR);
+    return written;
+}
+
 } // namespace
 
 SigpipeBlocked::SigpipeBlocked() : pendingBefore_(sigpipePending()) {
@@ -83,14 +91,6 @@ SigpipeBlocked::~SigpipeBlocked() {
     errno = error;
 }
 
-ssize_t writeOnce(int fd, const void* data, std::size_t length) {
-    ssize_t written = 0;
-    do {
-        written = ::write(fd, data, length);
-    } while (written < 0 && errno == EINTR);
-    return written;
-}
-
 ssize_t writeWithoutSigpipe(int fd, const void* data, std::size_t length) {
     const SigpipeBlocked blocked;
     return writeOnce(fd, data, length);
@@ -107,24 +107,6 @@ bool writeAll(int fd, const void* data, std::size_t length) {
         length -= static_cast<std::size_t>(written);
     }
     return true;
-}
-
-int readAll(int fd, std::string& text) {
-    constexpr std::size_t kStep = 4096;
-    for (;;) {
-        // Room reserved beforehand (a file's known size) is used before the string grows.
-        const std::size_t used = text.size();
-        text.resize(std::max(text.capacity(), used + kStep));
-        const ssize_t count = ::read(fd, &text[used], text.size() - used);
-        const int error = errno;
-        text.resize(used + static_cast<std::size_t>(count > 0 ? count : 0));
-        if (count == 0) {
-            return 0;
-        }
-        if (count < 0 && error != EINTR) {
-            return error;
-        }
-    }
 }
 
 } // namespace rfevent

@@ -6,7 +6,6 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <string>
 
 namespace rfevent {
 
@@ -58,10 +57,6 @@ class SigpipeBlocked {
     bool pendingBefore_;
 };
 
-// One write() of the whole buffer, repeated only when a signal interrupted it before anything
-// was written. The result is write()'s.
-ssize_t writeOnce(int fd, const void* data, std::size_t length);
-
 // writeOnce that cannot raise SIGPIPE in the process when the reader is gone (SigpipeBlocked
 // around the write). The result and errno are the write's.
 ssize_t writeWithoutSigpipe(int fd, const void* data, std::size_t length);
@@ -69,11 +64,6 @@ ssize_t writeWithoutSigpipe(int fd, const void* data, std::size_t length);
 // Writes the whole buffer, continuing after short writes and interruptions; false on an error
 // (errno tells which).
 bool writeAll(int fd, const void* data, std::size_t length);
-
-// Appends everything left to read on fd to text, reading straight into the string (no buffer
-// on the caller's stack), continuing after interruptions; 0 at the end of the file, or the
-// errno of a failed read.
-int readAll(int fd, std::string& text);
 
 } // namespace rfevent
 

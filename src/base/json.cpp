@@ -1,21 +1,19 @@
 #include "base/json.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <exception>
 #include <memory>
 
-#include "base/fd.h"
+#include "base/file.h"
 
 namespace rfevent {
 namespace {
 
 // The whole content of path; false when it cannot be opened or read.
 bool readFileText(const char* path, std::string& text) {
-    UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
-    return fd.valid() && readAll(fd.get(), text) == 0;
+    return readWholeFile(path, text).done();
 }
 
 } // namespace
@@ -46,8 +44,9 @@ bool loadJsonObject(SourceSpot spot, const char* path, const JsonFileTexts& text
 
 QuietLoad loadJsonObjectQuietly(const char* path, Json::Value& root) {
     std::string text;
-    if (!readFileText(path, text)) {
-        return errno == ENOENT ? QuietLoad::Absent : QuietLoad::Unparsable;
+    const FileReadOutcome read = readWholeFile(path, text);
+    if (!read.done()) {
+        return read.error == ENOENT ? QuietLoad::Absent : QuietLoad::Unparsable;
     }
     std::string errors;
     if (!parseJsonQuietly(text.data(), text.size(), root, errors)) {

@@ -13,10 +13,6 @@ timespec deadlineAfterMilliseconds(long milliseconds);
 // the rest never returns early.
 int millisecondsUntil(const timespec& deadline);
 
-// Waits until deadline on the monotonic clock. A signal handled meanwhile (with or without
-// SA_RESTART) does not end the wait early.
-void pauseUntil(const timespec& deadline);
-
 // Waits the full number of seconds, whatever signals arrive meanwhile.
 void pauseSeconds(unsigned seconds);
 

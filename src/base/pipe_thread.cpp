@@ -1,4 +1,5 @@
 #include "base/pipe_thread.h"
+#include "base/pipe_thread_internal.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -84,6 +85,10 @@ ssize_t readPipeOnce(const PipeThread& pipe, int fd) {
     return count;
 }
 
+namespace {
+
+// Reads the open pipe until read() fails, with the pipe's pauses between reads. A read that
+// finds no writer while the flag is raised ends the reading too.
 void readPipe(const PipeThread& pipe, int fd, const RunFlag* flag) {
     for (;;) {
         ssize_t count = readPipeOnce(pipe, fd);
@@ -98,6 +103,8 @@ void readPipe(const PipeThread& pipe, int fd, const RunFlag* flag) {
         }
     }
 }
+
+} // namespace
 
 void runPipeThread(const PipeThread& pipe, const RunFlag* flag) {
     while (keepRunning(flag)) {

@@ -39,18 +39,6 @@ struct PipeThread {
     std::function<void(char* buffer, ssize_t count)> handleRead;
 };
 
-// Creates the pipe (mode 0660) and opens it for reading, blocking until a writer opens it. An
-// invalid descriptor when the pipe could not be created or opened, or when something else than
-// a named pipe stands at the path (logged; the next pass looks again).
-UniqueFd openPipe(const PipeThread& pipe);
-
-// One read of the open pipe, handed to handleRead; returns read()'s result. No pause.
-ssize_t readPipeOnce(const PipeThread& pipe, int fd);
-
-// Reads the open pipe until read() fails, with the pipe's pauses between reads. A read that
-// finds no writer while the flag is raised ends the reading too.
-void readPipe(const PipeThread& pipe, int fd, const RunFlag* flag);
-
 // Passes of open and read until the flag is raised, pausing a second between passes.
 void runPipeThread(const PipeThread& pipe, const RunFlag* flag);
 

@@ -4,19 +4,12 @@
 
 #include <sqlite3.h>
 
-#include <memory>
+#include "base/owned.h"
 
 namespace rfevent {
 
-struct SqliteClose {
-    void operator()(sqlite3* db) const { sqlite3_close(db); }
-};
-struct SqliteFinalize {
-    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-
-using SqliteDb = std::unique_ptr<sqlite3, SqliteClose>;
-using SqliteStatement = std::unique_ptr<sqlite3_stmt, SqliteFinalize>;
+using SqliteDb = Owned<sqlite3, sqlite3_close>;
+using SqliteStatement = Owned<sqlite3_stmt, sqlite3_finalize>;
 
 } // namespace rfevent
 

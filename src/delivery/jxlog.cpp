@@ -6,6 +6,7 @@
 
 #include "base/config.h"
 #include "base/log.h"
+#include "platform/platform.h"
 
 namespace rfevent {
 

@@ -1,4 +1,5 @@
 #include "delivery/parallel_post.h"
+#include "delivery/parallel_post_internal.h"
 
 #include <curl/curl.h>
 #include <errno.h>
@@ -28,23 +29,18 @@ struct TransferTables {
 // Prepares every transfer and adds it to the multi handle. False when one of them failed:
 // the pass is then abandoned for every destination.
 bool prepareTransfers(TransferTables& tables, const char* body,
-                      std::vector<DeliveryTarget*>& targets,
-                      const rfevent::PostSettings& settings) {
-    const Json::Value noSubscription;
+                      const std::vector<DeliveryTarget>& targets, const PostSettings& settings) {
     for (std::size_t i = 0; i < targets.size(); ++i) {
-        const DeliveryTarget* target = targets[i];
-        const std::string uri = target->destination != nullptr ? target->destination : "";
+        const std::string& uri = targets[i].destination;
         RF_LOG(kLogInfo, "[%s():%d]uri = %s\n", uri.c_str());
         tables.handles[i].reset(curl_easy_init());
         if (tables.handles[i] == nullptr) {
             RF_LOG(kLogError, "[%s():%d]libcurl initialization failed\n");
             return false;
         }
-        tables.headers[i] = rfevent::buildHeaderList(
-            target->subscription != nullptr ? *target->subscription : noSubscription,
-            rfevent::kParallelPost);
-        if (!rfevent::setPostOptions(RF_HERE, tables.handles[i].get(), uri.c_str(), body,
-                                     tables.headers[i].get(), settings, rfevent::kParallelPost)) {
+        tables.headers[i] = buildHeaderList(targets[i].subscription, kParallelPost);
+        if (!setPostOptions(RF_HERE, tables.handles[i].get(), uri.c_str(), body,
+                            tables.headers[i].get(), settings, kParallelPost)) {
             return false;
         }
         CURLMcode added = curl_multi_add_handle(tables.multi.get(), tables.handles[i].get());
@@ -137,17 +133,17 @@ bool runTransfers(CURLM* multi) {
 
 // The target whose transfer ran on handle, or null.
 const DeliveryTarget* targetOf(const TransferTables& tables,
-                               const std::vector<DeliveryTarget*>& targets, CURL* handle) {
+                               const std::vector<DeliveryTarget>& targets, CURL* handle) {
     for (std::size_t i = 0; i < targets.size(); ++i) {
         if (tables.handles[i].get() == handle) {
-            return targets[i];
+            return &targets[i];
         }
     }
     return nullptr;
 }
 
 // Counts a failure for every finished transfer that ended with an error.
-void collectResults(const TransferTables& tables, std::vector<DeliveryTarget*>& targets) {
+void collectResults(const TransferTables& tables, std::vector<DeliveryTarget>& targets) {
     int queued = 0;
     while (CURLMsg* message = curl_multi_info_read(tables.multi.get(), &queued)) {
         if (message->msg != CURLMSG_DONE) {
@@ -160,18 +156,17 @@ void collectResults(const TransferTables& tables, std::vector<DeliveryTarget*>& 
         RF_LOG(kLogError, "[%s():%d] sent message url: %s", url);
         if (message->data.result != CURLE_OK) {
             RF_LOG(kLogError, "[%s():%d]update retry count");
-            countDeliveryFailure(targets, url);
+            countDeliveryFailure(targets, url, message->data.result);
         }
         if (const DeliveryTarget* target = targetOf(tables, targets, message->easy_handle)) {
-            recordDeliveryOutcome(recordSubscriptionId(*target), target->destination,
+            recordDeliveryOutcome(target->subscriptionId, target->destination.c_str(),
                                   message->easy_handle, message->data.result);
         }
     }
 }
 
 // One pass over at most 30 targets; every handle is released when it returns.
-void runPass(const char* body, std::vector<DeliveryTarget*>& targets,
-             const rfevent::PostSettings& settings) {
+void runPass(const char* body, std::vector<DeliveryTarget>& targets, const PostSettings& settings) {
     // Released after the tables: their clean-up may still write to the connections.
     const SigpipeBlocked noSigpipe;
     TransferTables tables;
@@ -186,7 +181,7 @@ void runPass(const char* body, std::vector<DeliveryTarget*>& targets,
 
 } // namespace
 
-void sendMultiperform(const char* body, std::vector<DeliveryTarget*>& targets) {
+void sendMultiperform(const char* body, std::vector<DeliveryTarget>& targets) {
     RF_ENTER();
     const int attempts = getDeliveryRetryAttemptsValue();
     const int interval = getDeliveryRetryIntervalSeconds();
@@ -205,17 +200,15 @@ void sendMultiperform(const char* body, std::vector<DeliveryTarget*>& targets) {
     RF_EXIT();
 }
 
-void countDeliveryFailure(std::vector<DeliveryTarget*>& targets, const char* url) {
+void countDeliveryFailure(std::vector<DeliveryTarget>& targets, const char* url, CURLcode result) {
     if (url == nullptr) {
         return;
     }
     const std::string effective = normalisedUrl(url);
-    for (DeliveryTarget* target : targets) {
-        if (target == nullptr || target->destination == nullptr) {
-            continue;
-        }
-        if (normalisedUrl(target->destination) == effective) {
-            target->failureCount++;
+    for (DeliveryTarget& target : targets) {
+        if (normalisedUrl(target.destination.c_str()) == effective) {
+            target.failureCount++;
+            target.lastFailure = result;
             return;
         }
     }

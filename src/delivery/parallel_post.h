@@ -8,12 +8,10 @@
 
 namespace rfevent {
 
-// failureCount of each target whose transfer failed goes up by one. At most 30 targets.
-void sendMultiperform(const char* body, std::vector<DeliveryTarget*>& targets);
-
-// Adds one failure to the first target whose destination equals url, both read as libcurl
-// writes them (so "https://host:port" equals the effective URL "https://host:port/").
-void countDeliveryFailure(std::vector<DeliveryTarget*>& targets, const char* url);
+// POSTs body to every target at once. The outcome of each target is in its failureCount (one
+// more for each failed transfer) and lastFailure; a pass refused at set-up sends nothing and
+// leaves every target delivered. At most 30 targets.
+void sendMultiperform(const char* body, std::vector<DeliveryTarget>& targets);
 
 } // namespace rfevent
 

@@ -2,9 +2,11 @@
 
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <type_traits>
+#include <utility>
 
 #include "base/paths.h"
 #include "delivery/tls_credentials.h"
@@ -51,12 +53,12 @@ struct Generation {
     std::uint64_t fingerprint = 0;
     // Every parse made of the contents, the latest last; one that is not usable is kept all
     // the same until the generation is released (a transfer may still hold it).
-    TlsCredentials* parses[kParses] = {};
+    std::unique_ptr<TlsCredentials> parses[kParses];
     int parseCount = 0;
 
     // The latest parse; null when there is none (the TLS library is not libcurl's).
     const TlsCredentials* credentials() const {
-        return parseCount > 0 ? parses[parseCount - 1] : nullptr;
+        return parseCount > 0 ? parses[parseCount - 1].get() : nullptr;
     }
 };
 
@@ -129,9 +131,9 @@ void parseCredentials(Generation& generation, const CredentialFiles& files, bool
         generation.parseCount == kParses) {
         return;
     }
-    TlsCredentials* parsed = new (std::nothrow) TlsCredentials(files);
+    std::unique_ptr<TlsCredentials> parsed(new (std::nothrow) TlsCredentials(files));
     if (parsed != nullptr) {
-        generation.parses[generation.parseCount++] = parsed;
+        generation.parses[generation.parseCount++] = std::move(parsed);
     }
 }
 
@@ -148,9 +150,8 @@ bool releaseIfIdle(Generation* generation) {
     if (!idle) {
         return false;
     }
-    for (int i = 0; i < generation->parseCount; ++i) {
-        delete generation->parses[i];
-    }
+    // Held by raw pointer in the cache, which must outlive static destruction; released here,
+    // with its parses, once no transfer is attached to it.
     delete generation;
     return true;
 }

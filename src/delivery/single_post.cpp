@@ -11,7 +11,6 @@
 #include "base/log.h"
 #include "base/pause.h"
 #include "delivery/curl_options.h"
-#include "delivery/jxlog.h"
 #include "delivery/session_cache.h"
 #include "delivery/status.h"
 
@@ -48,13 +47,20 @@ void logCertificateChain(CURL* curl) {
     RF_LOG(kLogDebug, "[%s():%d]-------------------------------------------------------");
 }
 
-// Up to attempts transfers; after the last failed one the event-log entry and the flag.
-void attemptDelivery(CURL* curl, const char* uri, int attempts,
-                     const rfevent::PostSettings& settings, const std::string& subscriptionId,
-                     bool* failed) {
-    const int interval = static_cast<int>(settings.interval);
-    if (attempts <= 0) {
-        return; // a retry count of 0 switches this delivery off
+// What one call needs besides the transfer's handle.
+struct PostCall {
+    const char* uri;
+    int attempts;
+    PostSettings settings;
+    const std::string& subscriptionId;
+    RetriesExhausted onExhausted;
+};
+
+// Up to attempts transfers; after the last failed one the caller's onExhausted.
+DeliveryOutcome attemptDelivery(CURL* curl, const PostCall& call) {
+    const int interval = static_cast<int>(call.settings.interval);
+    if (call.attempts <= 0) {
+        return {}; // a retry count of 0 switches this delivery off
     }
     int count = 0;
     for (;;) {
@@ -63,70 +69,71 @@ void attemptDelivery(CURL* curl, const char* uri, int attempts,
             // Any HTTP answer counts: only transport failures are retried.
             RF_LOG(kLogDebug, "[%s():%d]curl_easy_perform success\n");
             logCertificateChain(curl);
-            recordDeliveryOutcome(subscriptionId, uri, curl, rc);
-            return;
+            recordDeliveryOutcome(call.subscriptionId, call.uri, curl, rc);
+            return {DeliveryResult::Delivered, CURLE_OK};
         }
         ++count;
         RF_LOG(kLogError, "[%s():%d]curl_easy_perform failed with status %d \n", rc);
         RF_LOG(kLogError, "[%s():%d]curl_easy_perform failed %d time sleeping for%d seconds\n",
                count, interval);
-        recordDeliveryOutcome(subscriptionId, uri, curl, rc);
+        recordDeliveryOutcome(call.subscriptionId, call.uri, curl, rc);
         flushDeliveryStatus(); // the pause below may outlast the status file's 3 s
         if (interval > 0) {
             pauseSeconds(static_cast<unsigned>(interval));
         }
-        if (count == attempts) {
-            RF_LOG(kLogDebug, "[%s():%d]retried for %d times so write JX Log \n", count);
-            int status = SubmitJXLog("JX083", 1, uri);
-            RF_LOG(kLogDebug, "[%s():%d]SubmitJXLog returned with status:%d \n", status);
-            *failed = true;
-            return;
+        if (count == call.attempts) {
+            if (call.onExhausted != nullptr) {
+                call.onExhausted(call.uri, count);
+            }
+            return {DeliveryResult::Failed, rc};
         }
         // A retry resumes only sessions made with the credential files as they are now.
-        attachSessionCache(curl, uri, settings.certificateSwitch == VERIFY_CERTIFICATES);
+        attachSessionCache(curl, call.uri, call.settings.certificateSwitch == VERIFY_CERTIFICATES);
     }
 }
 
 // Steps under the POST lock: set-up, the attempts, clean-up (header list, then handle).
-void postLocked(const char* formData, const char* uri, const Json::Value& subscription,
-                int attempts, const rfevent::PostSettings& settings,
-                const std::string& subscriptionId, bool* failed) {
+DeliveryOutcome postLocked(const char* formData, const Json::Value& subscription,
+                           const PostCall& call) {
     std::lock_guard<std::mutex> guard(postLock());
     // Released after the handle: its clean-up may still write to the connection.
     const SigpipeBlocked noSigpipe;
-    if (formData == nullptr || uri == nullptr) {
+    if (formData == nullptr || call.uri == nullptr) {
         RF_LOG(kLogError, "[%s():%d]formData or URI is NULL:\n");
-        return;
+        return {};
     }
     RF_LOG(kLogDebug, "[%s():%d]formData:%s\n", formData);
-    RF_LOG(kLogDebug, "[%s():%d]uri:%s\n", uri);
+    RF_LOG(kLogDebug, "[%s():%d]uri:%s\n", call.uri);
     std::unique_ptr<CURL, LoggedEasyCleanup> curl(curl_easy_init());
     if (curl == nullptr) {
         RF_LOG(kLogError, "[%s():%d]libcurl initialization failed\n");
-        return;
+        return {};
     }
-    rfevent::CurlList headers = rfevent::buildHeaderList(subscription, rfevent::kSinglePost);
-    if (rfevent::setPostOptions(RF_HERE, curl.get(), uri, formData, headers.get(), settings,
-                                rfevent::kSinglePost)) {
-        attemptDelivery(curl.get(), uri, attempts, settings, subscriptionId, failed);
+    CurlList headers = buildHeaderList(subscription, kSinglePost);
+    if (!setPostOptions(RF_HERE, curl.get(), call.uri, formData, headers.get(), call.settings,
+                        kSinglePost)) {
+        return {};
     }
+    return attemptDelivery(curl.get(), call);
 }
 
 } // namespace
 
-void sendHTTPPacketByCURL(const char* formData, const char* uri, const Json::Value& subscription,
-                          bool* failed, const std::string& subscriptionId) {
+DeliveryOutcome sendHTTPPacketByCURL(const char* formData, const char* uri,
+                                     const Json::Value& subscription,
+                                     const std::string& subscriptionId,
+                                     RetriesExhausted onExhausted) {
     RF_ENTER();
-    *failed = false;
     int attempts = getDeliveryRetryAttemptsValue();
     int interval = getDeliveryRetryIntervalSeconds();
     int ignoreSwitch = getIgnoreCertificateErrors();
     RF_LOG(kLogInfo, "[%s():%d]retryAttempts:%d, retryIntervalSec:%d", attempts, interval);
     RF_LOG(kLogInfo, "[%s():%d]isIgnoreCertificateErrors:%d", ignoreSwitch);
-    postLocked(formData, uri, subscription, attempts, {interval, ignoreSwitch}, subscriptionId,
-               failed);
+    const PostCall call{uri, attempts, {interval, ignoreSwitch}, subscriptionId, onExhausted};
+    const DeliveryOutcome outcome = postLocked(formData, subscription, call);
     flushDeliveryStatus(); // after the POST lock is released
     RF_EXIT();
+    return outcome;
 }
 
 } // namespace rfevent

@@ -1,10 +1,10 @@
-// One destination of a parallel delivery.
+// One destination of a parallel delivery, and what became of a delivery.
 #ifndef RFEVENT_DELIVERY_TARGET_H
 #define RFEVENT_DELIVERY_TARGET_H
 
-#include <cstddef>
+#include <curl/curl.h>
+
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
 #include <json/json.h>
@@ -13,39 +13,44 @@
 
 namespace rfevent {
 
-// Texts are heap copies released with free(); the records of one delivery are released
-// together by removeFromSubscription.
-struct DeliveryTarget {
-    char* destination;
-    void* spare;
-    char* subscriptionId;
-    int32_t failureCount;
-    char* retryPolicy;
-    Json::Value* subscription; // heap copy, deleted with the record
-    // Bytes of subscriptionId when the id holds NUL bytes; 0 when it is a plain C text.
-    std::size_t subscriptionIdLength;
+// What became of one delivery to one destination.
+enum class DeliveryResult {
+    Delivered, // the destination answered, whatever its HTTP status
+    NotSent,   // nothing was sent: bad arguments, a refused option or no attempts configured
+    Failed,    // every attempt failed in transport (connection, TLS, time-out)
 };
 
-// The whole subscription id a record holds.
-template <typename Record> std::string recordSubscriptionId(const Record& record) {
-    if (record.subscriptionId == nullptr) {
-        return std::string();
-    }
-    return record.subscriptionIdLength != 0
-               ? std::string(record.subscriptionId, record.subscriptionIdLength)
-               : std::string(record.subscriptionId);
-}
+struct DeliveryOutcome {
+    DeliveryResult result = DeliveryResult::NotSent;
+    CURLcode reason = CURLE_OK; // libcurl's result of the last failed transfer when Failed
 
-// Frees the texts and the subscription copy a delivery record owns, logging the copy's
-// pointer first (its low 32 bits, as the format has always printed it) under spot. The
-// records of a parallel delivery and of the invalid-destination queue own the same fields.
-template <typename Record> void releaseRecordFields(SourceSpot spot, Record& record) {
-    std::free(record.destination);
-    std::free(record.subscriptionId);
-    std::free(record.retryPolicy);
+    bool failed() const { return result == DeliveryResult::Failed; }
+};
+
+// One destination of a parallel delivery: the subscription's destination, id, retry policy
+// and a copy of the subscription (for its "HttpHeaders"). The parallel POST counts the
+// failed transfers to the destination in failureCount.
+struct DeliveryTarget {
+    std::string destination;
+    std::string subscriptionId; // the whole id, NUL bytes included
+    int32_t failureCount = 0;
+    CURLcode lastFailure = CURLE_OK; // libcurl's result of the last failed transfer
+    std::string retryPolicy;
+    Json::Value subscription;
+
+    DeliveryOutcome outcome() const {
+        if (failureCount == 0) {
+            return {DeliveryResult::Delivered, CURLE_OK};
+        }
+        return {DeliveryResult::Failed, lastFailure};
+    }
+};
+
+// The line said where a delivery record is released: the address of the subscription copy
+// it holds (its low 32 bits, as the format has always printed it), logged under spot.
+inline void logRecordRelease(SourceSpot spot, const Json::Value& subscription) {
     RF_LOG_AT(spot, kLogDebug, "[%s():%d]Before Freeing the ptr[%u]\n",
-              static_cast<unsigned>(reinterpret_cast<uintptr_t>(record.subscription)));
-    delete record.subscription;
+              static_cast<unsigned>(reinterpret_cast<uintptr_t>(&subscription)));
 }
 
 // One parallel pass serves at most this many destinations.

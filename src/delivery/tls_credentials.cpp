@@ -1,6 +1,5 @@
 #include "delivery/tls_credentials.h"
 
-#include <fcntl.h>
 #include <openssl/decoder.h>
 #include <openssl/encoder.h>
 #include <openssl/err.h>
@@ -12,15 +11,12 @@
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <cstring>
 #include <new>
 
-#include "base/fd.h"
+#include "base/file.h"
 #include "base/paths.h"
 #include "delivery/tls_credentials_internal.h"
 
@@ -49,27 +45,10 @@ std::uint64_t hashBytes(std::uint64_t hash, const void* data, std::size_t length
     return hash;
 }
 
-// Reads the whole file at path into text; the errno of a failure, 0 on success.
-int readWhole(const char* path, std::string& text) {
-    text.clear();
-    UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
-    struct stat status {};
-    if (!fd.valid() || ::fstat(fd.get(), &status) != 0) {
-        return errno != 0 ? errno : EIO;
-    }
-    if (status.st_size > 0) {
-        text.reserve(static_cast<std::size_t>(status.st_size));
-    }
-    const int error = readAll(fd.get(), text);
-    if (error != 0) {
-        text.clear();
-    }
-    return error;
-}
-
 // Folds one file into the fingerprint: its read result, its length, its bytes.
 std::uint64_t foldFile(std::uint64_t hash, const char* path, std::string& text) {
-    const int error = readWhole(path, text);
+    const FileReadOutcome read = readWholeFile(path, text);
+    const int error = read.done() ? 0 : read.error;
     const std::uint64_t length = text.size();
     hash = hashBytes(hash, &error, sizeof error);
     hash = hashBytes(hash, &length, sizeof length);
@@ -287,9 +266,7 @@ void failCredentialParses(bool on) {
     g_failParses.store(on, std::memory_order_relaxed);
 }
 
-TlsCredentials::~TlsCredentials() {
-    delete parsed_;
-}
+TlsCredentials::~TlsCredentials() = default;
 
 bool TlsCredentials::usable(bool checking) const {
     return parsed_ != nullptr && parsed_->certificate != nullptr && parsed_->key != nullptr &&

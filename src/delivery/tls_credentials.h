@@ -6,6 +6,7 @@
 #include <curl/curl.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace rfevent {
@@ -51,7 +52,7 @@ class TlsCredentials {
 
   private:
     struct Parsed;
-    Parsed* parsed_;
+    std::unique_ptr<Parsed> parsed_; // null when memory ran short
 };
 
 // libcurl's callback for every TLS context it makes for a POST (credentials: the parsed

@@ -1,4 +1,5 @@
 #include "events/event_record.h"
+#include "events/event_record_internal.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -63,6 +64,15 @@ void addOriginOfCondition(Json::Value& event, const DataEventHeader* header) {
     event["OriginOfCondition"] = origin;
 }
 
+// "Severity", and "MessageSeverity" when the severity is one of the three known.
+void addSeverities(Json::Value& event, uint16_t severity) {
+    event["Severity"] = GetSeverityString(severity);
+    const char* messageSeverity = GetMessageSeverity(severity);
+    if (messageSeverity != nullptr) {
+        event["MessageSeverity"] = messageSeverity;
+    }
+}
+
 } // namespace
 
 uint16_t recordU16(const DataEventHeader* header, size_t position) {
@@ -115,12 +125,7 @@ Json::Value composeAlertEvent(const DataEventHeader* header, const std::string& 
     event["EventId"] = eventId;
     event["EventTimestamp"] = timestamp;
 
-    uint16_t severity = recordU16(header, kRecordSeverity);
-    event["Severity"] = GetSeverityString(severity);
-    const char* messageSeverity = GetMessageSeverity(severity);
-    if (messageSeverity != nullptr) {
-        event["MessageSeverity"] = messageSeverity;
-    }
+    addSeverities(event, recordU16(header, kRecordSeverity));
 
     int32_t memberId = recordI32(header, kRecordMemberId);
     if (memberId != 0) {

@@ -7,30 +7,41 @@
 
 namespace rfevent {
 
+namespace {
+
+// The texts of the three known severities, in the order the record's value is compared.
+struct SeverityTexts {
+    uint16_t value;
+    const char* severity;        // the event's "Severity"
+    const char* messageSeverity; // its "MessageSeverity"
+};
+constexpr SeverityTexts kSeverities[] = {
+    {2, "Warning", "Warning"}, {3, "Informational", "OK"}, {1, "Critical", "Critical"}};
+
+// The row of a known severity, or null.
+const SeverityTexts* knownSeverity(uint16_t severity) {
+    for (const SeverityTexts& row : kSeverities) {
+        if (row.value == severity) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+} // namespace
+
 const char* GetSeverityString(uint16_t severity) {
     RF_ENTER();
-    const char* text = "Unknown";
-    if (severity == 2) {
-        text = "Warning";
-    } else if (severity == 3) {
-        text = "Informational";
-    } else if (severity == 1) {
-        text = "Critical";
-    }
+    const SeverityTexts* row = knownSeverity(severity);
+    const char* text = row != nullptr ? row->severity : "Unknown";
     RF_EXIT();
     return text;
 }
 
 const char* GetMessageSeverity(uint16_t severity) {
     RF_ENTER();
-    const char* text = nullptr;
-    if (severity == 2) {
-        text = "Warning";
-    } else if (severity == 3) {
-        text = "OK";
-    } else if (severity == 1) {
-        text = "Critical";
-    }
+    const SeverityTexts* row = knownSeverity(severity);
+    const char* text = row != nullptr ? row->messageSeverity : nullptr;
     if (text == nullptr) {
         RF_LOG(kLogError, "[%s():%d]MessageSeverity is NULL.");
     }

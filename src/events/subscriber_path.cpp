@@ -1,14 +1,14 @@
 #include "events/subscriber_path.h"
+#include "events/subscriber_path_internal.h"
 
 #include <string>
 
 #include "base/json.h"
 #include "base/log.h"
 #include "base/paths.h"
-#include "delivery/single_post.h"
 #include "events/event_record.h"
 #include "platform/platform.h"
-#include "subscriptions/retry_policy.h"
+#include "subscriptions/delivery_failure.h"
 #include "subscriptions/subscription.h"
 
 namespace rfevent {
@@ -22,26 +22,6 @@ struct AlertCall {
     std::string timestamp;
     NumericDynamicSegment numericIds;
 };
-
-// Suspends or removes a subscription whose destination stayed unreachable.
-void applyRetryPolicy(const std::string& id, const Json::Value& subscription) {
-    if (!subscription.isMember("DeliveryRetryPolicy")) {
-        return;
-    }
-    const auto policy = rfevent::parseRetryPolicy(subscription["DeliveryRetryPolicy"].asString());
-    if (policy == rfevent::RetryPolicy::Other) {
-        RF_LOG(kLogDebug, "[%s():%d]No change to the subscription: %s \n", id.c_str());
-        return;
-    }
-    int status = enforceRetryPolicy(RF_HERE, policy, id);
-    if (policy == rfevent::RetryPolicy::Terminate) {
-        if (status == 0) {
-            RF_LOG(kLogDebug, "[%s():%d]Terminating subscription success");
-        } else {
-            RF_LOG(kLogError, "[%s():%d]Terminating subscription failed");
-        }
-    }
-}
 
 void deliver(AlertCall& call, const std::string& id, const Json::Value& subscription) {
     Json::Value document =
@@ -59,39 +39,43 @@ void deliver(AlertCall& call, const std::string& id, const Json::Value& subscrip
     if (call.numericIds.FormatResponseWithNumericId(text) == 0) {
         RF_LOG(kLogDebug, "[%s():%d]Event Modified successfully with NumericIDs!");
     }
-    bool failed = false;
-    sendHTTPPacketByCURL(text.c_str(), destination.c_str(), headers, &failed, id);
-    if (!failed) {
+    if (!postToSubscriber(text.c_str(), destination.c_str(), headers, id).failed()) {
         RF_LOG(kLogDebug, "[%s():%d]sendHTTPPacketByCURL success \n");
         return;
     }
-    applyRetryPolicy(id, subscription);
+    applyPolicyOrKeep(id, subscription);
 }
 
-// Serves one subscription; false when the walk must stop (an empty "EventTypes").
-bool serveSubscription(AlertCall& call, const std::string& id, const Json::Value& subscription) {
+// Whether the walk over the store goes on after a subscription.
+enum class Walk {
+    Next, // on to the next subscription
+    Stop, // an empty "EventTypes": later subscriptions get nothing for this alert
+};
+
+// Serves one subscription.
+Walk serveSubscription(AlertCall& call, const std::string& id, const Json::Value& subscription) {
     if (!isUsableSubscription(RF_HERE, id, subscription)) {
-        return true;
+        return Walk::Next;
     }
     if (subscription.isMember("EventFormatType") &&
         shortText(subscription["EventFormatType"]) == "MetricReport") {
         RF_LOG(kLogDebug, "[%s():%d]SubscriptionId:%s is not Event as EventFormatType", id.c_str());
-        return true;
+        return Walk::Next;
     }
     const Json::Value& eventTypes = subscription["EventTypes"];
     if (!eventTypes.isArray()) {
         RF_LOG(kLogDebug, "[%s():%d]EventType is not an array\n");
-        return true;
+        return Walk::Next;
     }
     if (eventTypes.empty()) {
-        return false; // later subscriptions get nothing for this alert
+        return Walk::Stop;
     }
     if (!holdsOnlyText(RF_HERE, id, eventTypes, "EventTypes")) {
-        return true;
+        return Walk::Next;
     }
     if (subscriptionState(subscription) == SubscriptionState::Disabled) {
         RF_LOG(kLogDebug, "[%s():%d]Disabled subscription found, skipping...");
-        return true;
+        return Walk::Next;
     }
     // Every "Alert" element is one delivery, so a repeated element delivers twice.
     for (Json::ArrayIndex i = 0; i < eventTypes.size(); ++i) {
@@ -101,7 +85,7 @@ bool serveSubscription(AlertCall& call, const std::string& id, const Json::Value
         }
         deliver(call, id, subscription);
     }
-    return true;
+    return Walk::Next;
 }
 
 } // namespace
@@ -126,7 +110,7 @@ void sendRedFishEvent(DataEventHeader* header, void* eventContext) {
     // Walks the in-memory copy: a subscription suspended or removed on the way is still served
     // for its remaining "EventTypes" elements.
     for (auto it = store.begin(); it != store.end(); ++it) {
-        if (!serveSubscription(call, it.name(), *it)) {
+        if (serveSubscription(call, it.name(), *it) == Walk::Stop) {
             break;
         }
     }

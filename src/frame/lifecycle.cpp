@@ -1,4 +1,4 @@
-#include "frame/lifecycle.h"
+#include "frame/lifecycle_internal.h"
 
 #include <curl/curl.h>
 #include <dlfcn.h>

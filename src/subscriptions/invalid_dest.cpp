@@ -1,8 +1,9 @@
 #include "subscriptions/invalid_dest.h"
+#include "subscriptions/invalid_dest_internal.h"
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
+#include <optional>
+#include <utility>
 
 #include "base/guard.h"
 #include "base/json.h"
@@ -10,10 +11,9 @@
 #include "base/paths.h"
 #include "base/pause.h"
 #include "base/run_flags.h"
-#include "delivery/single_post.h"
 #include "delivery/status.h"
 #include "delivery/target.h"
-#include "subscriptions/retry_policy.h"
+#include "subscriptions/delivery_failure.h"
 #include "subscriptions/store.h"
 
 namespace rfevent {
@@ -23,15 +23,15 @@ namespace {
 constexpr unsigned kDrainPeriodSeconds = 2;
 constexpr unsigned kProbePeriodSeconds = 60;
 
-// Takes the front record and the first queued name under the mutex; null when the queue is
+// Takes the front record and the first queued name under the mutex; none when the queue is
 // empty.
-InvalidDestinationRecord* takeFront() {
+std::optional<InvalidDestinationRecord> takeFront() {
     InvalidDestinationQueue& queue = invalidDestinationQueue();
     std::lock_guard<std::mutex> lock(queue.mutex);
     if (queue.records.empty()) {
-        return nullptr;
+        return std::nullopt;
     }
-    InvalidDestinationRecord* record = queue.records.front();
+    std::optional<InvalidDestinationRecord> record(std::move(queue.records.front()));
     queue.records.pop_front();
     if (!queue.names.empty()) {
         queue.names.erase(queue.names.begin());
@@ -40,30 +40,13 @@ InvalidDestinationRecord* takeFront() {
     return record;
 }
 
-// A re-send that failed too: the subscription's policy decides. Results are not examined.
-void applyRetryPolicy(const InvalidDestinationRecord& record) {
-    RF_LOG(kLogInfo, "[%s():%d]Retransmission uri = %s", record.destination);
-    RF_LOG(kLogDebug, "[%s():%d]Suspending/Terminating/Adding invalid field to the subscription");
-    const auto policy = parseRetryPolicy(record.retryPolicy != nullptr ? record.retryPolicy : "");
-    const std::string id = recordSubscriptionId(record);
-    if (policy == RetryPolicy::Other) {
-        RF_LOG(kLogDebug, "[%s():%d]Adding invalid field in subscription");
-        addInvalidMemberinSubscription(id);
-    } else {
-        enforceRetryPolicy(RF_HERE, policy, id);
-    }
-}
-
 void resend(const InvalidDestinationRecord& record) {
-    RF_LOG(kLogDebug, "[%s():%d]Retry mechanism on dest :%s",
-           record.destination != nullptr ? record.destination : "");
-    const Json::Value noSubscription;
-    bool failed = false;
-    sendHTTPPacketByCURL(record.report, record.destination,
-                         record.subscription != nullptr ? *record.subscription : noSubscription,
-                         &failed, recordSubscriptionId(record));
-    if (failed) {
-        applyRetryPolicy(record);
+    RF_LOG(kLogDebug, "[%s():%d]Retry mechanism on dest :%s", record.destination.c_str());
+    const DeliveryOutcome outcome =
+        postToSubscriber(record.report.c_str(), record.destination.c_str(), record.subscription,
+                         record.subscriptionId);
+    if (outcome.failed()) {
+        applyPolicyOrTag(record.destination, record.subscriptionId, record.retryPolicy);
     }
     // A success changes nothing: an "InvalidDestination" tag is left to the probing thread.
 }
@@ -74,9 +57,9 @@ void probeSubscription(Json::Value& document, const std::string& id) {
     const std::string destination = subscription["Destination"].asString();
     RF_LOG(kLogDebug, "[%s():%d]Subscription with invalid destination found : %s",
            destination.c_str());
-    bool failed = false;
-    sendHTTPPacketByCURL(g_invalidDestinationProbeReport, destination.c_str(), subscription,
-                         &failed, id);
+    const bool failed =
+        postToSubscriber(g_invalidDestinationProbeReport, destination.c_str(), subscription, id)
+            .failed();
     RF_LOG(kLogDebug, "[%s():%d]bSuspendSubscription : %d", failed ? 1 : 0);
     if (failed) {
         return; // probed again next cycle; this thread never applies the policy
@@ -108,8 +91,8 @@ struct QueueOwner {
         if (g_workersStarted.load(std::memory_order_relaxed)) {
             return;
         }
-        for (InvalidDestinationRecord* record : queue->records) {
-            releaseInvalidDestinationRecord(record);
+        for (const InvalidDestinationRecord& record : queue->records) {
+            logRecordRelease(RF_HERE, record.subscription);
         }
         delete queue;
     }
@@ -135,7 +118,7 @@ std::size_t queuedRecordCount() {
     return invalidDestinationQueue().recordCount.load(std::memory_order_relaxed);
 }
 
-bool invalidQueueAlreadyHolds(const char* destination) {
+bool invalidQueueAlreadyHolds(const std::string& destination) {
     if (queuedRecordCount() <= kInvalidQueueDuplicateThreshold) {
         return false;
     }
@@ -147,38 +130,30 @@ bool invalidQueueAlreadyHolds(const char* destination) {
     return std::find(queue.names.begin(), queue.names.end(), destination) != queue.names.end();
 }
 
-void pushInvalidDestination(InvalidDestinationRecord* record) {
+void pushInvalidDestination(InvalidDestinationRecord record) {
     InvalidDestinationQueue& queue = invalidDestinationQueue();
     std::lock_guard<std::mutex> lock(queue.mutex);
-    queue.records.push_back(record);
-    queue.names.emplace_back(record->destination != nullptr ? record->destination : "");
+    std::string name = record.destination;
+    queue.records.push_back(std::move(record));
+    queue.names.push_back(std::move(name));
     queue.recordCount.store(queue.records.size(), std::memory_order_relaxed);
-}
-
-void releaseInvalidDestinationRecord(InvalidDestinationRecord* record) {
-    if (record == nullptr) {
-        return;
-    }
-    releaseRecordFields(RF_HERE, *record);
-    std::free(record->report);
-    std::free(record);
 }
 
 void drainInvalidDestinationQueueOnce() {
     while (queuedRecordCount() != 0) {
-        InvalidDestinationRecord* record = takeFront();
-        if (record == nullptr) {
+        std::optional<InvalidDestinationRecord> record = takeFront();
+        if (!record) {
             break;
         }
-        guarded(RF_HERE, "Re-send dropped", [record] { resend(*record); });
-        releaseInvalidDestinationRecord(record);
+        guarded(RF_HERE, "Re-send dropped", [&record] { resend(*record); });
+        logRecordRelease(RF_HERE, record->subscription); // the record is released right after
     }
 }
 
-bool probeInvalidDestinationsOnce() {
+ProbeCycle probeInvalidDestinationsOnce() {
     Json::Value document;
     if (!loadJsonObject(RF_HERE, fixedPath(FixedPath::SubscriptionStore), kProbedStore, document)) {
-        return true;
+        return ProbeCycle::End;
     }
     for (const std::string& id : document.getMemberNames()) {
         guarded(RF_HERE, "Probe dropped", [&] {
@@ -187,7 +162,7 @@ bool probeInvalidDestinationsOnce() {
             }
         });
     }
-    return false;
+    return ProbeCycle::Continue;
 }
 
 void* InvalidDestHandlingThread1(void* unused) {
@@ -207,10 +182,10 @@ void* InvalidDestHandlingThread1(void* unused) {
 void* InvalidDestHandlingThread2(void* unused) {
     (void)unused;
     for (;;) {
-        bool end = false;
+        ProbeCycle cycle = ProbeCycle::Continue;
         rfevent::guarded(RF_HERE, "Probe cycle dropped",
-                         [&end] { end = rfevent::probeInvalidDestinationsOnce(); });
-        if (end) {
+                         [&cycle] { cycle = rfevent::probeInvalidDestinationsOnce(); });
+        if (cycle == ProbeCycle::End) {
             return nullptr;
         }
         rfevent::pauseSeconds(rfevent::kProbePeriodSeconds);

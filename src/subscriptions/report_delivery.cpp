@@ -2,8 +2,7 @@
 #include "subscriptions/report_delivery_internal.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
+#include <iterator>
 #include <vector>
 
 #include "base/json.h"
@@ -11,7 +10,7 @@
 #include "base/paths.h"
 #include "base/report.h"
 #include "delivery/parallel_post.h"
-#include "subscriptions/invalid_dest.h"
+#include "subscriptions/delivery_failure.h"
 #include "subscriptions/store.h"
 #include "subscriptions/subscription.h"
 
@@ -24,24 +23,6 @@ const char kMetricReport[] = "MetricReport";
 const rfevent::JsonFileTexts kReportStore = {kLogDebug, "Subscription file does not exist\n",
                                              "Subscription file exists\n",
                                              "Fail to parse event subscription file\n", nullptr};
-
-// Releases the targets however the call ends (a JSON type error may escape to the caller).
-struct TargetsGuard {
-    std::vector<DeliveryTarget*>& targets;
-    ~TargetsGuard() {
-        if (!targets.empty()) {
-            removeFromSubscription(targets);
-        }
-    }
-};
-
-char* copyText(const std::string& text) {
-    char* copy = static_cast<char*>(std::malloc(text.size() + 1));
-    if (copy != nullptr) {
-        std::memcpy(copy, text.c_str(), text.size() + 1);
-    }
-    return copy;
-}
 
 // The match is logged under the name of the function the subscriptions' lists have always been
 // matched by.
@@ -103,50 +84,40 @@ bool isSelected(const std::string& id, const Json::Value& subscription,
     return true;
 }
 
-DeliveryTarget* makeTarget(const std::string& id, const Json::Value& subscription) {
-    auto* target = static_cast<DeliveryTarget*>(std::calloc(1, sizeof(DeliveryTarget)));
-    if (target == nullptr) {
-        return nullptr;
-    }
-    target->destination = copyText(subscription["Destination"].asString());
-    target->subscriptionId = copyText(id);
-    target->subscriptionIdLength = id.size();
-    target->retryPolicy = copyText(subscription["DeliveryRetryPolicy"].asString());
-    target->subscription = new Json::Value(subscription);
+DeliveryTarget makeTarget(const std::string& id, const Json::Value& subscription) {
+    DeliveryTarget target;
+    target.destination = subscription["Destination"].asString();
+    target.subscriptionId = id;
+    target.retryPolicy = subscription["DeliveryRetryPolicy"].asString();
+    target.subscription = subscription;
     return target;
 }
 
-// Queues every target of one pass whose transfer failed, for the retry thread.
-void queueFailures(const std::vector<DeliveryTarget*>& group, const char* report) {
-    for (const DeliveryTarget* target : group) {
-        if (target->failureCount == 0) {
-            continue;
-        }
-        if (rfevent::invalidQueueAlreadyHolds(target->destination)) {
-            RF_LOG(kLogDebug, "[%s():%d]%s already in Invalid Queue", target->destination);
-            continue;
-        }
-        RF_LOG(kLogDebug, "[%s():%d]Found subscription for retry");
-        auto* record = static_cast<InvalidDestinationRecord*>(
-            std::calloc(1, sizeof(InvalidDestinationRecord)));
-        if (record == nullptr) {
-            continue;
-        }
-        record->destination = copyText(target->destination);
-        record->subscriptionId = copyText(recordSubscriptionId(*target));
-        record->subscriptionIdLength = target->subscriptionIdLength;
-        record->retryPolicy = copyText(target->retryPolicy);
-        record->subscription = new Json::Value(*target->subscription);
-        record->report = copyText(report);
-        rfevent::pushInvalidDestination(record);
-    }
+// One parallel pass serves at most 30 destinations: larger sets go in groups, and the
+// failures of each group are queued before the next group is sent. The targets are released
+// together at the end.
+void sendInGroups(std::vector<DeliveryTarget>& targets, const char* report) {
+    std::vector<DeliveryTarget> sent;
+    sent.reserve(targets.size());
+    std::size_t start = 0;
+    do {
+        const std::size_t end =
+            std::min(targets.size(), start + static_cast<std::size_t>(kMaxParallelDestinations));
+        std::vector<DeliveryTarget> group(std::make_move_iterator(targets.begin() + start),
+                                          std::make_move_iterator(targets.begin() + end));
+        sendMultiperform(report, group);
+        queueFailedTargets(group, report);
+        std::move(group.begin(), group.end(), std::back_inserter(sent));
+        start = end;
+    } while (start < targets.size());
+    targets = std::move(sent);
 }
 
 } // namespace
 
 // Selects the targets of the report, in the store's member order.
 void selectTargets(const Json::Value& store, const ParsedReport& report,
-                   std::vector<DeliveryTarget*>& targets) {
+                   std::vector<DeliveryTarget>& targets) {
     for (auto it = store.begin(); it != store.end(); ++it) {
         const std::string id = it.name();
         const Json::Value& subscription = *it;
@@ -161,9 +132,7 @@ void selectTargets(const Json::Value& store, const ParsedReport& report,
                    "Destination", id.c_str());
             continue;
         }
-        if (DeliveryTarget* target = makeTarget(id, subscription)) {
-            targets.push_back(target);
-        }
+        targets.push_back(makeTarget(id, subscription));
     }
 }
 
@@ -185,20 +154,18 @@ bool send_report_to_subscription(const ParsedReport& parsed) {
         RF_EXIT();
         return false;
     }
-    std::vector<DeliveryTarget*> targets;
-    TargetsGuard guard{targets};
-    selectTargets(store, parsed, targets);
-    // One parallel pass serves at most 30 destinations: larger sets go in groups, and the
-    // failures of each group are queued before the next group is sent.
-    std::size_t start = 0;
-    do {
-        const std::size_t end =
-            std::min(targets.size(), start + static_cast<std::size_t>(kMaxParallelDestinations));
-        std::vector<DeliveryTarget*> group(targets.begin() + start, targets.begin() + end);
-        sendMultiperform(report, group);
-        queueFailures(group, report);
-        start = end;
-    } while (start < targets.size());
+    std::vector<DeliveryTarget> targets;
+    try {
+        selectTargets(store, parsed, targets);
+        sendInGroups(targets, report);
+    } catch (...) {
+        // A report of the wrong shape raises the JSON library's type error, which the caller's
+        // guard takes; the records gathered so far are released as on every other ending.
+        if (!targets.empty()) {
+            removeFromSubscription(targets);
+        }
+        throw;
+    }
     removeFromSubscription(targets);
     RF_EXIT();
     return true;

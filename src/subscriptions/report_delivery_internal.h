@@ -12,9 +12,9 @@
 namespace rfevent {
 
 // Appends a delivery target for every subscription of store that wants report, in the
-// store's member order. The caller releases them with removeFromSubscription.
+// store's member order.
 void selectTargets(const Json::Value& store, const ParsedReport& report,
-                   std::vector<DeliveryTarget*>& targets);
+                   std::vector<DeliveryTarget>& targets);
 
 } // namespace rfevent
 

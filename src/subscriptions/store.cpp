@@ -95,33 +95,34 @@ const StoreTexts kAddInvalidTexts = {"Subscription file does not exist\n",
 // The read-modify-write of every store operation: load the store, find the subscription whose
 // name is exactly id, let change edit the document (given the matched name and the caller's
 // spot to log under), rewrite the store.
-// 0 when rewritten, -1 when the store is absent, does not parse or lacks the subscription.
+// True when the document was changed and rewritten; false when the store is absent, does not
+// parse or lacks the subscription.
 template <typename Change>
-int modifySubscription(SourceSpot spot, const StoreTexts& texts, const std::string& id,
-                       Change change) {
+bool modifySubscription(SourceSpot spot, const StoreTexts& texts, const std::string& id,
+                        Change change) {
     const JsonFileTexts fileTexts = {kLogDebug, texts.missing, texts.present, texts.unparsable,
                                      "subscriber File Data Parsed Successfully\n"};
     Json::Value root;
     if (!loadJsonObject(spot, storePath(), fileTexts, root)) {
-        return -1;
+        return false;
     }
     std::string name;
     if (findSubscription(root, id, name) == nullptr) {
         if (texts.notFound != nullptr) {
             RF_LOG_AT(spot, kLogError, "[%s():%d]%s", texts.notFound);
         }
-        return -1;
+        return false;
     }
     change(root, name, spot);
-    writeSubscriptionStore(root);
-    return 0;
+    writeSubscriptionStore(root); // its failure is logged; the result stays 0, as it always was
+    return true;
 }
 
 } // namespace
 
 int removeSubscription(const std::string& subscriptionId) {
     RF_ENTER();
-    int status = rfevent::modifySubscription(
+    const bool changed = rfevent::modifySubscription(
         RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
         [](Json::Value& root, const std::string& name, SourceSpot spot) {
             releaseTelemetrySlot(root[name]);
@@ -130,41 +131,36 @@ int removeSubscription(const std::string& subscriptionId) {
             RF_LOG_AT(spot, kLogDebug, "[%s():%d]recreated subscription file");
         });
     RF_EXIT();
-    return status;
+    return changed ? 0 : -1;
 }
 
 int addInvalidMemberinSubscription(const std::string& subscriptionId) {
     RF_ENTER();
-    int status =
+    const bool changed =
         rfevent::modifySubscription(RF_HERE, rfevent::kAddInvalidTexts, subscriptionId,
                                     [](Json::Value& root, const std::string& name, SourceSpot) {
                                         root[name]["InvalidDestination"] = true;
                                     });
     RF_EXIT();
-    return status;
+    return changed ? 0 : -1;
 }
 
 int setSubscriptionState(const std::string& subscriptionId, const char* state) {
     RF_ENTER();
-    int status = rfevent::modifySubscription(
+    const bool changed = rfevent::modifySubscription(
         RF_HERE, rfevent::kRemoveOrSetTexts, subscriptionId,
         [state](Json::Value& root, const std::string& name, SourceSpot spot) {
             root[name]["SubscriptionStateAfterRetry"] = state;
             RF_LOG_AT(spot, kLogDebug, "[%s():%d]updated subscription file");
         });
     RF_EXIT();
-    return status;
+    return changed ? 0 : -1;
 }
 
-void removeFromSubscription(std::vector<DeliveryTarget*>& targets) {
+void removeFromSubscription(std::vector<DeliveryTarget>& targets) {
     RF_ENTER();
-    for (DeliveryTarget*& target : targets) {
-        if (target == nullptr) {
-            continue;
-        }
-        releaseRecordFields(RF_HERE, *target);
-        std::free(target);
-        target = nullptr;
+    for (const DeliveryTarget& target : targets) {
+        logRecordRelease(RF_HERE, target.subscription);
     }
     targets.clear();
     RF_EXIT();

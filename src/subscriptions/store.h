@@ -20,7 +20,7 @@ int addInvalidMemberinSubscription(const std::string& subscriptionId);
 int setSubscriptionState(const std::string& subscriptionId, const char* state);
 
 // Releases every record of a parallel delivery and empties the vector.
-void removeFromSubscription(std::vector<DeliveryTarget*>& targets);
+void removeFromSubscription(std::vector<DeliveryTarget>& targets);
 
 // Replaces the store with the styled form of document: written to a temporary file in the
 // same folder, then renamed over the store, so readers see the old or the new content.

@@ -33,8 +33,10 @@ void logSkipped(SourceSpot spot, const std::string& id, const char* key) {
               id.c_str(), *key != '\0' ? key : "the subscription");
 }
 
-} // namespace
-
+// The first key of subscription the delivery paths cannot use, or null when there is none:
+// the subscription itself is not an object ("" is returned), a text key holds something else
+// than text, or "HttpHeaders" is not an array of objects whose values are text, numbers or
+// booleans. Absent and null keys are usable.
 const char* unusableKey(const Json::Value& subscription) {
     static const char* const kTextKeys[] = {"Destination", "DeliveryRetryPolicy",
                                             "SubscriptionType", "SubscriptionStateAfterRetry",
@@ -49,6 +51,8 @@ const char* unusableKey(const Json::Value& subscription) {
     }
     return isHeaderList(subscription["HttpHeaders"]) ? nullptr : "HttpHeaders";
 }
+
+} // namespace
 
 bool isUsableSubscription(SourceSpot spot, const std::string& id, const Json::Value& subscription) {
     const char* key = unusableKey(subscription);

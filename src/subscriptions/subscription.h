@@ -12,15 +12,11 @@
 
 namespace rfevent {
 
-// The first key of subscription the delivery paths cannot use, or null when there is none:
-// the subscription itself is not an object ("" is returned), a text key ("Destination",
+// True when the subscription can be served: it is an object, its text keys ("Destination",
 // "DeliveryRetryPolicy", "SubscriptionType", "SubscriptionStateAfterRetry",
-// "EventFormatType") holds something else than text, or "HttpHeaders" is not an array of
-// objects whose values are text, numbers or booleans. Absent and null keys are usable.
-const char* unusableKey(const Json::Value& subscription);
-
-// True when the subscription can be served; otherwise logs at level 2, under spot, which
-// subscription is skipped and for which key.
+// "EventFormatType") hold text and "HttpHeaders" is an array of objects whose values are
+// text, numbers or booleans (absent and null keys are usable). Otherwise logs at level 2,
+// under spot, which subscription is skipped and for which key.
 bool isUsableSubscription(SourceSpot spot, const std::string& id, const Json::Value& subscription);
 
 // True when every element of the array holds text; logs like isUsableSubscription when not.

@@ -38,7 +38,7 @@ constexpr SourceSpot kBuilderSpot = {"GenerateLogEntryJsonForTelemetry", __LINE_
 // "2024-05-01T13:45:10.123Z"; the three digits are the microseconds modulo 1000.
 Json::Value reportTimestamp() {
     struct timeval now = {};
-    if (readWallClock(&now) != 0) {
+    if (!readWallClock(&now)) {
         RF_LOG(kLogInfo, "[%s():%d]fetching time failed,setting timestamp to NULL");
         return Json::Value(Json::nullValue);
     }
@@ -105,16 +105,15 @@ int sendSerialLogToSSE() {
         g_heldSerialLogLock.store(lockFd, std::memory_order_relaxed);
         return -1;
     }
-    long size = 0;
-    const HeapText buffer(readWholeFile(capture.get(), &size, RF_HERE, kSerialLogRead));
-    if (!buffer) {
+    std::string capturedText;
+    if (!rfevent::readWholeFileLogged(capture.get(), capturedText, RF_HERE, kSerialLogRead)) {
         capture.reset();
         unlockSerialLog(lockFd, nullptr);
         return -1;
     }
     // The payload ends at the first NUL byte of the capture.
-    std::string document =
-        GenerateLogEntryJsonForTelemetry(std::string(buffer.get()), kSerialLogReport.type);
+    std::string document = GenerateLogEntryJsonForTelemetry(
+        capturedText.substr(0, capturedText.find('\0')), kSerialLogReport.type);
     capture.reset();
     utl_echo_write(document.c_str(), document.size(), fixedPath(FixedPath::SerialLogReport), 1, 1);
 
@@ -138,13 +137,12 @@ void sendCPUDumpToTelemetry() {
         RF_LOG(kLogError, "[%s():%d]File could not be read in local export function Exit");
         return;
     }
-    long size = 0;
-    const HeapText buffer(readWholeFile(dump.get(), &size, RF_HERE, kCpuDumpRead));
-    if (!buffer) {
+    std::string dumpText;
+    if (!rfevent::readWholeFileLogged(dump.get(), dumpText, RF_HERE, kCpuDumpRead)) {
         return;
     }
-    const HeapText encoded(base64Encode(reinterpret_cast<const unsigned char*>(buffer.get()),
-                                        static_cast<std::size_t>(size), nullptr));
+    const HeapText encoded(base64Encode(reinterpret_cast<const unsigned char*>(dumpText.data()),
+                                        dumpText.size(), nullptr));
     int status = sendCPURegisterReport(encoded.get(), kCpuRegistersReport.type);
     dump.reset();
     RF_LOG(kLogInfo, "[%s():%d]status:%d", status);

@@ -16,6 +16,7 @@
 #include "base/file.h"
 #include "base/guard.h"
 #include "base/heap_text.h"
+#include "base/json.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/pipe_thread.h"
@@ -163,13 +164,18 @@ char* sendLastLogToSSE(std::string name) {
         RF_LOG(kLogError, "[%s():%d]File operation seek failed in local export function ");
         return nullptr;
     }
-    long size = 0;
-    HeapText buffer(readWholeFile(file.get(), &size, RF_HERE, kStoredReportRead));
-    if (!buffer) {
+    std::string text;
+    if (!rfevent::readWholeFileLogged(file.get(), text, RF_HERE, kStoredReportRead)) {
+        return nullptr;
+    }
+    // The caller frees the copy.
+    rfevent::HeapText copy = rfevent::heapCopy(text);
+    if (!copy) {
+        RF_LOG(kLogError, "[%s():%d]File memory allocation failed in local export function ");
         return nullptr;
     }
     RF_EXIT();
-    return buffer.release();
+    return copy.release();
 }
 
 } // namespace rfevent

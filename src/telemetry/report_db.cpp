@@ -1,6 +1,9 @@
 #include "telemetry/report_db.h"
 #include "telemetry/report_db_internal.h"
 
+#include <pthread.h>
+#include <sqlite3.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -15,7 +18,11 @@
 
 namespace rfevent {
 
+// Serialises every lookup and guards the connection handle.
 pthread_mutex_t reportViewMutex = PTHREAD_MUTEX_INITIALIZER;
+
+// SQL function "GetISODateTime": the local time as text, e.g. "2024-05-01T13:45:10+05:30".
+void sqlGetISODateTime(sqlite3_context* context, int argc, sqlite3_value** argv);
 
 namespace {
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "base/config.h"
+#include "base/config_internal.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 

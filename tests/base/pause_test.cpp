@@ -1,4 +1,5 @@
 #include "base/pause.h"
+#include "base/pause_internal.h"
 
 #include <gtest/gtest.h>
 

@@ -17,10 +17,10 @@
 #include <vector>
 
 #include "delivery/parallel_post.h"
-#include "delivery/single_post.h"
 #include "harness/certs.h"
 #include "harness/https_server.h"
 #include "harness/sandbox.h"
+#include "subscriptions/delivery_failure_internal.h"
 
 using namespace rfevent;
 namespace tk = rfevent::testkit;
@@ -66,16 +66,12 @@ int postOnce(const std::string& url) {
 
 // One parallel pass to url; 0 when its transfer counted as delivered.
 int parallelOnce(const std::string& url) {
-    auto* target = new DeliveryTarget{};
-    target->destination = ::strdup(url.c_str());
-    target->subscription = new Json::Value(Json::objectValue);
-    std::vector<DeliveryTarget*> targets{target};
+    DeliveryTarget target;
+    target.destination = url;
+    target.subscription = Json::Value(Json::objectValue);
+    std::vector<DeliveryTarget> targets{target};
     sendMultiperform("{\"a\":1}", targets);
-    const int failures = target->failureCount;
-    std::free(target->destination);
-    delete target->subscription;
-    delete target;
-    return failures == 0 ? 0 : 1;
+    return targets[0].failureCount == 0 ? 0 : 1;
 }
 
 // Puts descriptor fd in the place of the process's standard output until it goes.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "delivery/parallel_post.h"
+#include "delivery/parallel_post_internal.h"
 #include "harness/certs.h"
 #include "harness/https_server.h"
 #include "harness/log_capture.h"
@@ -43,29 +44,23 @@ std::string closedUrl(const std::string& path = "/gone") {
     return "https://127.0.0.1:" + std::to_string(HttpsServer::closedLoopbackPort()) + path;
 }
 
-char* copy(const std::string& text) {
-    return ::strdup(text.c_str());
-}
-
-DeliveryTarget* makeTarget(const std::string& destination,
-                           const Json::Value& subscription = Json::Value(Json::objectValue)) {
-    auto* target = static_cast<DeliveryTarget*>(std::calloc(1, sizeof(DeliveryTarget)));
-    target->destination = copy(destination);
-    target->subscriptionId = copy("1");
-    target->retryPolicy = copy("");
-    target->subscription = new Json::Value(subscription);
+DeliveryTarget makeTarget(const std::string& destination,
+                          const Json::Value& subscription = Json::Value(Json::objectValue)) {
+    DeliveryTarget target;
+    target.destination = destination;
+    target.subscriptionId = "1";
+    target.subscription = subscription;
     return target;
 }
 
-// Owns the targets of one test.
+// The targets of one test.
 struct Targets {
-    std::vector<DeliveryTarget*> list;
-    ~Targets() { removeFromSubscription(list); }
+    std::vector<DeliveryTarget> list;
     void add(const std::string& destination,
              const Json::Value& subscription = Json::Value(Json::objectValue)) {
         list.push_back(makeTarget(destination, subscription));
     }
-    int failures(std::size_t i) const { return list[i]->failureCount; }
+    int failures(std::size_t i) const { return list[i].failureCount; }
 };
 
 class ParallelPostTest : public ::testing::Test {
@@ -79,7 +74,7 @@ class ParallelPostTest : public ::testing::Test {
 
 TEST_F(ParallelPostTest, EmptyVectorSendsNothing) {
     LogCapture log;
-    std::vector<DeliveryTarget*> none;
+    std::vector<DeliveryTarget> none;
     sendMultiperform(kReport, none);
     EXPECT_TRUE(log.contains(5, "Event Destination count = 0")) << log.dump();
     EXPECT_FALSE(log.containsAny("uri = "));
@@ -221,7 +216,7 @@ TEST_F(ParallelPostTest, FailingDestinationCountsOncePerCall) {
     EXPECT_EQ(targets.failures(0), 1);
     EXPECT_EQ(targets.failures(1), 0);
     EXPECT_EQ(server->requestCount(), 1u);
-    EXPECT_TRUE(log.contains(2, " sent message url: " + std::string(targets.list[0]->destination)));
+    EXPECT_TRUE(log.contains(2, " sent message url: " + targets.list[0].destination));
     EXPECT_EQ(log.count(2, "update retry count"), 1);
     sendMultiperform(kReport, targets.list);
     EXPECT_EQ(targets.failures(0), 2);
@@ -334,18 +329,18 @@ TEST_F(ParallelPostTest, MoreThanThirtyIsRefused) {
 }
 
 TEST(CountDeliveryFailureTest, ComparesWholeUrls) {
-    std::vector<DeliveryTarget*> targets = {makeTarget("https://h/ab"), makeTarget("https://h/a"),
-                                            makeTarget("https://h/a")};
-    countDeliveryFailure(targets, "https://h/a");
-    EXPECT_EQ(targets[0]->failureCount, 0);
-    EXPECT_EQ(targets[1]->failureCount, 1);
-    EXPECT_EQ(targets[2]->failureCount, 0);
-    countDeliveryFailure(targets, "https://h/abc");
-    countDeliveryFailure(targets, "https://h/");
-    countDeliveryFailure(targets, nullptr);
-    EXPECT_EQ(targets[0]->failureCount, 0);
-    EXPECT_EQ(targets[1]->failureCount, 1);
-    removeFromSubscription(targets);
+    std::vector<DeliveryTarget> targets = {makeTarget("https://h/ab"), makeTarget("https://h/a"),
+                                           makeTarget("https://h/a")};
+    countDeliveryFailure(targets, "https://h/a", CURLE_COULDNT_CONNECT);
+    EXPECT_EQ(targets[0].failureCount, 0);
+    EXPECT_EQ(targets[1].failureCount, 1);
+    EXPECT_EQ(targets[2].failureCount, 0);
+    countDeliveryFailure(targets, "https://h/abc", CURLE_COULDNT_CONNECT);
+    countDeliveryFailure(targets, "https://h/", CURLE_COULDNT_CONNECT);
+    countDeliveryFailure(targets, nullptr, CURLE_COULDNT_CONNECT);
+    EXPECT_EQ(targets[0].failureCount, 0);
+    EXPECT_EQ(targets[1].failureCount, 1);
+    EXPECT_EQ(targets[1].outcome().reason, CURLE_COULDNT_CONNECT);
 }
 
 } // namespace

@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "delivery/parallel_post.h"
-#include "delivery/single_post.h"
 #include "harness/certs.h"
 #include "harness/https_server.h"
 #include "harness/sandbox.h"
+#include "subscriptions/delivery_failure_internal.h"
 #include "subscriptions/store.h"
 
 using namespace rfevent;
@@ -47,19 +47,18 @@ class SessionReuseTest : public ::testing::Test {
 
     // One parallel pass to urls; the failure count of every target.
     static std::vector<int> pass(const std::vector<std::string>& urls) {
-        std::vector<DeliveryTarget*> targets;
+        std::vector<DeliveryTarget> targets;
         for (const std::string& url : urls) {
-            auto* target = static_cast<DeliveryTarget*>(std::calloc(1, sizeof(DeliveryTarget)));
-            target->destination = ::strdup(url.c_str());
-            target->subscriptionId = ::strdup("1");
-            target->retryPolicy = ::strdup("");
-            target->subscription = new Json::Value(Json::objectValue);
+            DeliveryTarget target;
+            target.destination = url;
+            target.subscriptionId = "1";
+            target.subscription = Json::Value(Json::objectValue);
             targets.push_back(target);
         }
         sendMultiperform(kBody, targets);
         std::vector<int> failures;
-        for (const DeliveryTarget* target : targets) {
-            failures.push_back(target->failureCount);
+        for (const DeliveryTarget& target : targets) {
+            failures.push_back(target.failureCount);
         }
         removeFromSubscription(targets);
         return failures;

@@ -1,4 +1,4 @@
-#include "delivery/single_post.h"
+#include "subscriptions/delivery_failure_internal.h"
 
 #include <gtest/gtest.h>
 

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "delivery/session_cache.h"
-#include "delivery/single_post.h"
 #include "delivery/tls_credentials.h"
 #include "delivery/tls_credentials_internal.h"
 #include "harness/certs.h"
@@ -19,6 +18,7 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/wait.h"
+#include "subscriptions/delivery_failure_internal.h"
 
 using namespace rfevent;
 

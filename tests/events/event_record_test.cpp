@@ -1,4 +1,5 @@
 #include "events/event_record.h"
+#include "events/event_record_internal.h"
 
 #include <gtest/gtest.h>
 

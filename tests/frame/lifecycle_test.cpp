@@ -7,7 +7,7 @@
 #include <set>
 #include <string>
 
-#include "frame/lifecycle.h"
+#include "frame/lifecycle_internal.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "rfevent/redfish_event.h"

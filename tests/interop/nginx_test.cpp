@@ -18,7 +18,7 @@
 #include "harness/sandbox.h"
 #include "interop/nginx_server.h"
 #include "rfevent/redfish_event.h"
-#include "subscriptions/invalid_dest.h"
+#include "subscriptions/invalid_dest_internal.h"
 #include "subscriptions/report_delivery.h"
 
 using namespace rfevent;

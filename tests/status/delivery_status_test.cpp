@@ -14,7 +14,6 @@
 #include <thread>
 #include <vector>
 
-#include "delivery/single_post.h"
 #include "events/alert_record.h"
 #include "events/subscriber_path.h"
 #include "harness/certs.h"
@@ -23,7 +22,8 @@
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/wait.h"
-#include "subscriptions/invalid_dest.h"
+#include "subscriptions/delivery_failure_internal.h"
+#include "subscriptions/invalid_dest_internal.h"
 #include "subscriptions/report_delivery.h"
 
 using namespace rfevent;
@@ -56,14 +56,8 @@ Json::Value reportSubscription(const std::string& destination) {
 }
 
 void queueRecord(const std::string& destination, const std::string& id) {
-    auto* record =
-        static_cast<InvalidDestinationRecord*>(std::calloc(1, sizeof(InvalidDestinationRecord)));
-    record->destination = ::strdup(destination.c_str());
-    record->subscriptionId = ::strdup(id.c_str());
-    record->retryPolicy = ::strdup("");
-    record->subscription = new Json::Value(reportSubscription(destination));
-    record->report = ::strdup(kReport);
-    pushInvalidDestination(record);
+    pushInvalidDestination(
+        InvalidDestinationRecord{destination, id, "", reportSubscription(destination), kReport});
 }
 
 // The status file after every pending change was written (validated against its schema).
@@ -186,7 +180,7 @@ TEST_F(DeliveryStatusTest, ProbePassRefusedAndFailed) {
     store["p2"]["InvalidDestination"] = true;
     tk::writeSubscriptionStore(store);
     tk::LogCapture log;
-    EXPECT_FALSE(probeInvalidDestinationsOnce());
+    EXPECT_EQ(probeInvalidDestinationsOnce(), ProbeCycle::Continue);
     expectRefusedAndFailed(statusNow(), log, "p1", "p2");
 }
 

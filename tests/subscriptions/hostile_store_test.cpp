@@ -15,7 +15,7 @@
 #include "harness/https_server.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
-#include "subscriptions/invalid_dest.h"
+#include "subscriptions/invalid_dest_internal.h"
 #include "subscriptions/queue_sandbox.h"
 #include "subscriptions/report_delivery.h"
 #include "subscriptions/store.h"
@@ -137,7 +137,8 @@ TEST_F(HostileStoreTest, AStoreThatIsNotAnObjectHasNoSubscriptions) {
     for (const char* text : {"null", "[]", "[{\"Destination\":\"x\"}]", "42", "\"text\""}) {
         tk::writeFile(fixedPath(FixedPath::SubscriptionStore), text);
         EXPECT_EQ(send_report_to_subscription(kReport), 0) << text;
-        EXPECT_FALSE(probeInvalidDestinationsOnce()) << text; // the probing thread goes on
+        EXPECT_EQ(probeInvalidDestinationsOnce(), ProbeCycle::Continue)
+            << text; // the probing thread goes on
         EXPECT_EQ(setSubscriptionState("0", "Disabled"), -1) << text;
         EXPECT_EQ(tk::readFile(fixedPath(FixedPath::SubscriptionStore)), text);
     }

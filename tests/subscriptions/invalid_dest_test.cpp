@@ -15,7 +15,7 @@
 #include "harness/https_server.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
-#include "subscriptions/invalid_dest.h"
+#include "subscriptions/invalid_dest_internal.h"
 #include "subscriptions/queue_sandbox.h"
 #include "subscriptions/report_delivery.h"
 
@@ -49,14 +49,7 @@ Json::Value metricSubscription(const std::string& destination, const std::string
 
 void queueRecord(const std::string& destination, const std::string& id, const std::string& policy,
                  const Json::Value& subscription, const std::string& report = kReport) {
-    auto* record =
-        static_cast<InvalidDestinationRecord*>(std::calloc(1, sizeof(InvalidDestinationRecord)));
-    record->destination = ::strdup(destination.c_str());
-    record->subscriptionId = ::strdup(id.c_str());
-    record->retryPolicy = ::strdup(policy.c_str());
-    record->subscription = new Json::Value(subscription);
-    record->report = ::strdup(report.c_str());
-    pushInvalidDestination(record);
+    pushInvalidDestination(InvalidDestinationRecord{destination, id, policy, subscription, report});
 }
 
 std::vector<std::string> bodiesAt(const HttpsServer& server, const std::string& path) {
@@ -195,7 +188,7 @@ TEST_F(InvalidDestTest, ZeroAttemptsChangeNothingInThreadOneAndUntagEverythingIn
     EXPECT_EQ(readSubscriptionStore(), store);
 
     LogCapture log;
-    EXPECT_FALSE(probeInvalidDestinationsOnce());
+    EXPECT_EQ(probeInvalidDestinationsOnce(), ProbeCycle::Continue);
     Json::Value expected = store;
     expected["a"].removeMember("InvalidDestination");
     expected["b"].removeMember("InvalidDestination");
@@ -213,7 +206,7 @@ TEST_F(InvalidDestTest, ProbeSendsTheTestReportAndClearsAFalseTagToo) {
     store["u"] = metricSubscription(server->url("/untagged"));
     writeSubscriptionStore(store);
     LogCapture log;
-    EXPECT_FALSE(probeInvalidDestinationsOnce());
+    EXPECT_EQ(probeInvalidDestinationsOnce(), ProbeCycle::Continue);
     ASSERT_EQ(server->requestCount(), 1u);
     const RecordedRequest probe = server->requests()[0];
     EXPECT_EQ(probe.target, "/f");
@@ -235,7 +228,7 @@ TEST_F(InvalidDestTest, FailedProbeKeepsTheTagAndAppliesNoPolicy) {
     store["t"]["InvalidDestination"] = true;
     writeSubscriptionStore(store);
     LogCapture log;
-    EXPECT_FALSE(probeInvalidDestinationsOnce());
+    EXPECT_EQ(probeInvalidDestinationsOnce(), ProbeCycle::Continue);
     EXPECT_EQ(readSubscriptionStore(), store);
     EXPECT_TRUE(log.contains(4, "bSuspendSubscription : 1"));
     ASSERT_EQ(eventLogEntries().size(), 1u); // the single POST's "JX083" entry
@@ -243,18 +236,18 @@ TEST_F(InvalidDestTest, FailedProbeKeepsTheTagAndAppliesNoPolicy) {
 
 TEST_F(InvalidDestTest, MissingOrBrokenStoreEndsThreadTwo) {
     LogCapture log;
-    EXPECT_TRUE(probeInvalidDestinationsOnce());
+    EXPECT_EQ(probeInvalidDestinationsOnce(), ProbeCycle::End);
     EXPECT_TRUE(log.contains(4, "Subscription file does not exist"));
     writeFile(rooted(kStorePath), "{");
-    EXPECT_TRUE(probeInvalidDestinationsOnce());
+    EXPECT_EQ(probeInvalidDestinationsOnce(), ProbeCycle::End);
     EXPECT_TRUE(log.contains(2, "Fail to parse event subscription file"));
     writeSubscriptionStore(Json::Value(Json::objectValue));
-    EXPECT_FALSE(probeInvalidDestinationsOnce());
+    EXPECT_EQ(probeInvalidDestinationsOnce(), ProbeCycle::Continue);
 }
 
 TEST_F(InvalidDestTest, DeletingTheStoreEndsTheRunningThread) {
     writeSubscriptionStore(Json::Value(Json::objectValue));
-    EXPECT_FALSE(probeInvalidDestinationsOnce());
+    EXPECT_EQ(probeInvalidDestinationsOnce(), ProbeCycle::Continue);
     removeFile(rooted(kStorePath));
     // The thread's first cycle finds no store and returns instead of sleeping.
     std::thread worker([] { InvalidDestHandlingThread2(nullptr); });
@@ -285,7 +278,7 @@ TEST_F(InvalidDestTest, AnErrorDropsOnlyItsOwnProbe) {
     store["b"]["InvalidDestination"] = true;
     writeSubscriptionStore(store);
     LogCapture log;
-    EXPECT_FALSE(probeInvalidDestinationsOnce());
+    EXPECT_EQ(probeInvalidDestinationsOnce(), ProbeCycle::Continue);
     EXPECT_TRUE(log.contains(2, "Probe dropped"));
     Json::Value after = readSubscriptionStore();
     EXPECT_TRUE(after["a"].isMember("InvalidDestination"));
@@ -341,12 +334,12 @@ TEST_F(InvalidDestTest, TaggedThenRecoveredByProbe) {
     ASSERT_EQ(send_report_to_subscription(kReport), 0);
     EXPECT_TRUE(log.contains(4, "Could not find valid [Destination] in [r] subscription."));
     EXPECT_EQ(queuedRecordCount(), 0u);
-    EXPECT_FALSE(probeInvalidDestinationsOnce());
+    EXPECT_EQ(probeInvalidDestinationsOnce(), ProbeCycle::Continue);
     EXPECT_EQ(readSubscriptionStore()["r"]["InvalidDestination"], true);
 
     server->setDropConnections(false);
     server->clear();
-    EXPECT_FALSE(probeInvalidDestinationsOnce());
+    EXPECT_EQ(probeInvalidDestinationsOnce(), ProbeCycle::Continue);
     EXPECT_FALSE(readSubscriptionStore()["r"].isMember("InvalidDestination"));
     EXPECT_EQ(bodiesAt(*server, "/r"), std::vector<std::string>{g_invalidDestinationProbeReport});
 

@@ -8,7 +8,7 @@
 
 #include "harness/certs.h"
 #include "harness/sandbox.h"
-#include "subscriptions/invalid_dest.h"
+#include "subscriptions/invalid_dest_internal.h"
 
 using namespace rfevent;
 
@@ -22,9 +22,6 @@ inline TestPki pki() {
 inline void clearQueue() {
     InvalidDestinationQueue& queue = invalidDestinationQueue();
     std::lock_guard<std::mutex> lock(queue.mutex);
-    for (InvalidDestinationRecord* record : queue.records) {
-        releaseInvalidDestinationRecord(record);
-    }
     queue.records.clear();
     queue.names.clear();
     queue.recordCount.store(0, std::memory_order_relaxed);

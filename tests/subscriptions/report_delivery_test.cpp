@@ -14,7 +14,7 @@
 #include "harness/https_server.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
-#include "subscriptions/invalid_dest.h"
+#include "subscriptions/invalid_dest_internal.h"
 #include "subscriptions/queue_sandbox.h"
 #include "subscriptions/report_delivery.h"
 
@@ -67,15 +67,15 @@ std::set<std::string> receivedPaths(const HttpsServer& server) {
 struct QueueView {
     std::vector<std::string> destinations;
     std::vector<std::string> names;
-    std::vector<InvalidDestinationRecord*> records;
+    std::vector<InvalidDestinationRecord> records;
 };
 
 QueueView queueView() {
     InvalidDestinationQueue& queue = invalidDestinationQueue();
     std::lock_guard<std::mutex> lock(queue.mutex);
     QueueView view;
-    for (InvalidDestinationRecord* record : queue.records) {
-        view.destinations.push_back(record->destination);
+    for (const InvalidDestinationRecord& record : queue.records) {
+        view.destinations.push_back(record.destination);
         view.records.push_back(record);
     }
     view.names = queue.names;
@@ -84,14 +84,8 @@ QueueView queueView() {
 
 void fillQueue(int count, const std::string& destination) {
     for (int i = 0; i < count; ++i) {
-        auto* record = static_cast<InvalidDestinationRecord*>(
-            std::calloc(1, sizeof(InvalidDestinationRecord)));
-        record->destination = ::strdup(destination.c_str());
-        record->subscriptionId = ::strdup("filler");
-        record->retryPolicy = ::strdup("");
-        record->subscription = new Json::Value(Json::objectValue);
-        record->report = ::strdup(kReport);
-        pushInvalidDestination(record);
+        pushInvalidDestination(InvalidDestinationRecord{destination, "filler", "",
+                                                        Json::Value(Json::objectValue), kReport});
     }
 }
 
@@ -244,12 +238,12 @@ TEST_F(ReportDeliveryTest, FailedDestinationIsQueuedWithEverythingForTheResend) 
     EXPECT_EQ(server->requestCount(), 1u);
     QueueView view = queueView();
     ASSERT_EQ(view.records.size(), 1u);
-    const InvalidDestinationRecord* record = view.records[0];
-    EXPECT_STREQ(record->destination, gone.c_str());
-    EXPECT_STREQ(record->subscriptionId, "bad");
-    EXPECT_STREQ(record->retryPolicy, "SuspendRetries");
-    EXPECT_STREQ(record->report, kReport);
-    EXPECT_EQ(*record->subscription, store["bad"]);
+    const InvalidDestinationRecord& record = view.records[0];
+    EXPECT_EQ(record.destination, gone);
+    EXPECT_EQ(record.subscriptionId, "bad");
+    EXPECT_EQ(record.retryPolicy, "SuspendRetries");
+    EXPECT_EQ(record.report, kReport);
+    EXPECT_EQ(record.subscription, store["bad"]);
     EXPECT_EQ(view.names, std::vector<std::string>{gone});
     EXPECT_EQ(queuedRecordCount(), 1u);
     EXPECT_EQ(log.count(4, "Found subscription for retry"), 1);
@@ -262,7 +256,7 @@ TEST_F(ReportDeliveryTest, MissingPolicyIsQueuedAsEmptyText) {
     EXPECT_EQ(send_report_to_subscription(kReport), 0);
     QueueView view = queueView();
     ASSERT_EQ(view.records.size(), 1u);
-    EXPECT_STREQ(view.records[0]->retryPolicy, "");
+    EXPECT_EQ(view.records[0].retryPolicy, "");
 }
 
 TEST_F(ReportDeliveryTest, SharedFailingDestinationIsQueuedTwiceWhileTheQueueIsShort) {
@@ -275,7 +269,7 @@ TEST_F(ReportDeliveryTest, SharedFailingDestinationIsQueuedTwiceWhileTheQueueIsS
     // Only the first target counts the failures of both transfers, and it is queued.
     QueueView view = queueView();
     ASSERT_EQ(view.records.size(), 1u);
-    EXPECT_STREQ(view.records[0]->subscriptionId, "first");
+    EXPECT_EQ(view.records[0].subscriptionId, "first");
     EXPECT_EQ(send_report_to_subscription(kReport), 0);
     view = queueView();
     ASSERT_EQ(view.records.size(), 2u);
@@ -290,8 +284,8 @@ TEST_F(ReportDeliveryTest, TwoSubscriptionsFailingAtDifferentDestinationsAreBoth
     EXPECT_EQ(send_report_to_subscription(kReport), 0);
     QueueView view = queueView();
     ASSERT_EQ(view.records.size(), 2u);
-    EXPECT_STREQ(view.records[0]->subscriptionId, "first");
-    EXPECT_STREQ(view.records[1]->subscriptionId, "second");
+    EXPECT_EQ(view.records[0].subscriptionId, "first");
+    EXPECT_EQ(view.records[1].subscriptionId, "second");
 }
 
 TEST_F(ReportDeliveryTest, FifteenQueuedRecordsDoNotStopADuplicate) {
@@ -386,8 +380,8 @@ TEST_F(ReportDeliveryTest, FailuresOfEveryGroupAreQueued) {
     EXPECT_EQ(server->requestCount(), 33u);
     QueueView view = queueView();
     ASSERT_EQ(view.records.size(), 2u);
-    EXPECT_STREQ(view.records[0]->subscriptionId, "sub1003");
-    EXPECT_STREQ(view.records[1]->subscriptionId, "sub1033");
+    EXPECT_EQ(view.records[0].subscriptionId, "sub1003");
+    EXPECT_EQ(view.records[1].subscriptionId, "sub1033");
 }
 
 TEST(IsReportMatchTheSubscriptionTest, MatchesExactOdataIds) {

@@ -248,19 +248,17 @@ TEST_F(StoreTest, WriteSubscriptionStoreFailsWithoutItsFolder) {
     EXPECT_EQ(log.count(2, "Cannot create a temporary file"), 1);
 }
 
-DeliveryTarget* makeTarget(const char* destination) {
-    auto* target = static_cast<DeliveryTarget*>(std::calloc(1, sizeof(DeliveryTarget)));
-    target->destination = ::strdup(destination);
-    target->subscriptionId = ::strdup("1");
-    target->retryPolicy = ::strdup("SuspendRetries");
-    target->subscription = new Json::Value(sampleStore()["1"]);
+DeliveryTarget makeTarget(const char* destination) {
+    DeliveryTarget target;
+    target.destination = destination;
+    target.subscriptionId = "1";
+    target.retryPolicy = "SuspendRetries";
+    target.subscription = sampleStore()["1"];
     return target;
 }
 
 TEST_F(StoreTest, RemoveFromSubscriptionReleasesEveryRecordAndEmptiesTheVector) {
-    std::vector<DeliveryTarget*> targets = {makeTarget("https://a/"), nullptr,
-                                            makeTarget("https://b/")};
-    targets[2]->subscription = (delete targets[2]->subscription, nullptr);
+    std::vector<DeliveryTarget> targets = {makeTarget("https://a/"), makeTarget("https://b/")};
     tk::LogCapture log;
     removeFromSubscription(targets);
     EXPECT_TRUE(targets.empty());

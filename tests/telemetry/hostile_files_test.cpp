@@ -11,7 +11,7 @@
 #include <string>
 
 #include "base/paths.h"
-#include "base/pipe_thread.h"
+#include "base/pipe_thread_internal.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"

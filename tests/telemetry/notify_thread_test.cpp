@@ -27,7 +27,8 @@
 #include <vector>
 
 #include "base/paths.h"
-#include "frame/lifecycle.h"
+#include "base/pipe_thread_internal.h"
+#include "frame/lifecycle_internal.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "telemetry/report_db.h"

@@ -19,7 +19,7 @@
 #include <json/json.h>
 
 #include "base/paths.h"
-#include "frame/lifecycle.h"
+#include "frame/lifecycle_internal.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "harness/sse_receiver.h"

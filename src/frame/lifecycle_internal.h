@@ -1,6 +1,6 @@
-// Load, unload and the worker-thread table.
-#ifndef RFEVENT_FRAME_LIFECYCLE_H
-#define RFEVENT_FRAME_LIFECYCLE_H
+// Test-only access to the frame: the run flags, the worker-thread table and its walk.
+#ifndef RFEVENT_FRAME_LIFECYCLE_INTERNAL_H
+#define RFEVENT_FRAME_LIFECYCLE_INTERNAL_H
 
 #include <pthread.h>
 
