@@ -20,6 +20,7 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/report.h"
+#include "base/report_internal.h"
 #include "cases.h"
 #include "harness/https_server.h"
 #include "harness/sandbox.h"

@@ -17,6 +17,7 @@
 #include "harness/sandbox.h"
 #include "plain_post.h"
 #include "subscriptions/report_delivery.h"
+#include "subscriptions/report_delivery_internal.h"
 
 namespace rfevent::bench {
 

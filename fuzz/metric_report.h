@@ -8,6 +8,7 @@
 
 #include "base/json.h"
 #include "base/report.h"
+#include "base/report_internal.h"
 #include "fuzz_support.h"
 
 namespace rfevent::fuzz {

@@ -1,4 +1,5 @@
 #include "base/builtin_reports.h"
+#include "base/builtin_reports_internal.h"
 
 #include <strings.h>
 

@@ -27,11 +27,6 @@ struct BuiltInReport {
     std::atomic<int>* counter; // the sequence as last loaded (the SSE id)
 };
 
-// Sequence of the next report of each type, as last loaded from its sequence file; the SSE
-// sender uses the value as event id and then increments it.
-extern std::atomic<int> serialLogSequence;
-extern std::atomic<int> cpuRegisterSequence;
-
 extern const BuiltInReport kSerialLogReport;
 extern const BuiltInReport kCpuRegistersReport;
 

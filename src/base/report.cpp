@@ -1,4 +1,5 @@
 #include "base/report.h"
+#include "base/report_internal.h"
 
 #include <cstring>
 

@@ -41,8 +41,6 @@ class ParsedReport {
     std::exception_ptr sequenceError_;
 };
 
-// The URI of the report's definition, or "" (report must not be null).
-std::string getMetricReportDefinition(const char* report);
 // The report's "ReportSequence" as text, or "" (report must not be null).
 std::string getReportSequence(const char* report);
 

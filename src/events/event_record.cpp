@@ -112,11 +112,13 @@ std::string eventTimestamp() {
     return text;
 }
 
+bool isSpecialMessage(const DataEventHeader* header) {
+    const char* messageId = recordText(header, kRecordMessageId);
+    return messageId != nullptr && std::strncmp(messageId, "TVK0182", 7) == 0;
+}
+
 Json::Value composeAlertEvent(const DataEventHeader* header, const std::string& timestamp,
-                              const Json::Value* context, bool* specialMessage) {
-    if (specialMessage != nullptr) {
-        *specialMessage = false;
-    }
+                              const Json::Value* context) {
     Json::Value event(Json::objectValue);
     event["EventType"] = "Alert";
 
@@ -139,9 +141,6 @@ Json::Value composeAlertEvent(const DataEventHeader* header, const std::string& 
     const char* messageId = recordText(header, kRecordMessageId);
     if (messageId != nullptr) {
         event["MessageId"] = std::string("TAVIK.2.8") + "." + messageId;
-        if (specialMessage != nullptr) {
-            *specialMessage = std::strncmp(messageId, "TVK0182", 7) == 0;
-        }
     } else {
         RF_LOG(kLogDebug, "[%s():%d]No Message ID\n");
     }

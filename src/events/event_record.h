@@ -22,9 +22,11 @@ inline const JsonFileTexts kAlertSubscriptionsFile = {
 std::string eventTimestamp();
 
 // Builds the event object of one alert. context, when given, becomes the event's "Context".
-// specialMessage (optional) is set when the message id starts with "TVK0182".
 Json::Value composeAlertEvent(const DataEventHeader* header, const std::string& timestamp,
-                              const Json::Value* context, bool* specialMessage);
+                              const Json::Value* context);
+
+// True when the alert's message id starts with "TVK0182": its SSE frame is numbered 0.
+bool isSpecialMessage(const DataEventHeader* header);
 
 // A subscription's text as the 20-byte buffer of the alert paths holds it: up to its first NUL
 // byte, at most 19 characters.

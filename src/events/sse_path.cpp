@@ -30,8 +30,8 @@ struct SseAlertCall {
 };
 
 std::string composeFrame(SseAlertCall& call) {
-    bool special = false;
-    Json::Value event = rfevent::composeAlertEvent(call.header, call.timestamp, nullptr, &special);
+    const bool special = rfevent::isSpecialMessage(call.header);
+    Json::Value event = rfevent::composeAlertEvent(call.header, call.timestamp, nullptr);
     Json::Value id = special ? Json::Value(0) : Json::Value(call.number);
     Json::Value document = rfevent::eventDocument(call.number, id, nullptr, event);
 

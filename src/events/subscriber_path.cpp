@@ -94,7 +94,7 @@ Json::Value composeSubscriberDocument(const DataEventHeader* header, const std::
                                       const std::string& id, const Json::Value& subscription) {
     const Json::Value& context = subscription["Context"];
     return eventDocument(id, Json::Value(id), &context,
-                         composeAlertEvent(header, timestamp, &context, nullptr));
+                         composeAlertEvent(header, timestamp, &context));
 }
 
 void sendRedFishEvent(DataEventHeader* header, void* eventContext) {

@@ -1,4 +1,4 @@
-#include "frame/alert_entry.h"
+#include "frame/alert_entry_internal.h"
 
 #include <cstring>
 

@@ -10,13 +10,8 @@ namespace rfevent {
 
 class ParsedReport;
 
-// 0 when the store was read and processed, -1 for a null report or a missing or bad store.
-int send_report_to_subscription(const char* report);
-// The same for a report parsed once: true when the store was read and processed.
+// A report parsed once: true when the store was read and processed.
 bool send_report_to_subscription(const ParsedReport& parsed);
-
-// True when an element of list has an "@odata.id" equal to definitionUri.
-bool isReportMatchTheSubscription(Json::Value list, const std::string& definitionUri);
 
 } // namespace rfevent
 

@@ -3,6 +3,7 @@
 
 #include "base/json.h"
 #include "base/report.h"
+#include "base/report_internal.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 

@@ -36,7 +36,7 @@ TEST_F(EventRecordTest, FieldsAreReadLittleEndianFromAnOddAddress) {
 TEST_F(EventRecordTest, FullRecordComposesEveryKey) {
     tk::AlertRecord record(tk::fullAlert());
     Json::Value context("ctx");
-    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", &context, nullptr);
+    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", &context);
     Json::Value expected = tk::expectedEvent(
         record.fields(), "T",
         "/redfish/v1/Systems/System.Embedded.1/Storage/Controllers/RAID.Integrated.1-1", &context);
@@ -49,7 +49,7 @@ TEST_F(EventRecordTest, EmptyRecordStillHasTheFixedKeys) {
     f.severity = 3;
     tk::AlertRecord record(f);
     tk::LogCapture log;
-    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", nullptr, nullptr);
+    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", nullptr);
     Json::Value expected(Json::objectValue);
     expected["EventType"] = "Alert";
     expected["EventId"] = "0";
@@ -68,11 +68,11 @@ TEST_F(EventRecordTest, EventIdKeepsSevenCharacters) {
     tk::AlertFields f;
     f.eventId = 123456789;
     tk::AlertRecord record(f);
-    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", nullptr, nullptr);
+    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", nullptr);
     EXPECT_EQ(event["EventId"], Json::Value("1234567"));
     f.eventId = -1234567;
     tk::AlertRecord negative(f);
-    event = rfevent::composeAlertEvent(negative.header(), "T", nullptr, nullptr);
+    event = rfevent::composeAlertEvent(negative.header(), "T", nullptr);
     EXPECT_EQ(event["EventId"], Json::Value("-123456"));
 }
 
@@ -80,7 +80,7 @@ TEST_F(EventRecordTest, ArgumentListEndsAtTheEmptyString) {
     tk::AlertFields f;
     f.args = std::vector<std::string>{"a", "b"};
     tk::AlertRecord record(f);
-    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", nullptr, nullptr);
+    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", nullptr);
     Json::Value args(Json::arrayValue);
     args.append("a");
     args.append("b");
@@ -93,7 +93,7 @@ TEST_F(EventRecordTest, ArgumentListStartingWithNulGivesNoKey) {
     f.args = std::vector<std::string>{};
     tk::AlertRecord record(f);
     tk::LogCapture log;
-    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", nullptr, nullptr);
+    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", nullptr);
     EXPECT_FALSE(event.isMember("MessageArgs"));
     EXPECT_FALSE(event.isMember("MessageArgs@odata.count"));
     EXPECT_EQ(log.count(4, "]No Message Arguments"), 1);
@@ -103,7 +103,7 @@ TEST_F(EventRecordTest, UnknownSeverityHasNoMessageSeverity) {
     tk::AlertFields f;
     f.severity = 9;
     tk::AlertRecord record(f);
-    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", nullptr, nullptr);
+    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", nullptr);
     EXPECT_EQ(event["Severity"], Json::Value("Unknown"));
     EXPECT_FALSE(event.isMember("MessageSeverity"));
 }
@@ -113,7 +113,7 @@ TEST_F(EventRecordTest, FqddWithoutUriLeavesOriginOut) {
     f.fqdd = "PCIe.Slot.3";
     tk::AlertRecord record(f);
     tk::LogCapture log;
-    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", nullptr, nullptr);
+    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", nullptr);
     EXPECT_FALSE(event.isMember("OriginOfCondition"));
     EXPECT_EQ(log.count(4, "]NO URI Found for the FQDD :PCIe.Slot.3"), 1);
 }
@@ -122,7 +122,7 @@ TEST_F(EventRecordTest, OriginIsPercentEncoded) {
     tk::AlertFields f;
     f.fqdd = "System.Chassis.1 A|B";
     tk::AlertRecord record(f);
-    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", nullptr, nullptr);
+    Json::Value event = rfevent::composeAlertEvent(record.header(), "T", nullptr);
     EXPECT_EQ(event["OriginOfCondition"]["@odata.id"],
               Json::Value("/redfish/v1/Chassis/System.Chassis.1%20A%7CB"));
 }
@@ -132,17 +132,13 @@ TEST_F(EventRecordTest, SpecialMessageIsRecognisedOverSevenCharacters) {
         tk::AlertFields f;
         f.messageId = id;
         tk::AlertRecord record(f);
-        bool special = false;
-        rfevent::composeAlertEvent(record.header(), "T", nullptr, &special);
-        EXPECT_TRUE(special) << id;
+        EXPECT_TRUE(rfevent::isSpecialMessage(record.header())) << id;
     }
     for (const char* id : {"TVK018", "TVK0183", "tvk0182"}) {
         tk::AlertFields f;
         f.messageId = id;
         tk::AlertRecord record(f);
-        bool special = true;
-        rfevent::composeAlertEvent(record.header(), "T", nullptr, &special);
-        EXPECT_FALSE(special) << id;
+        EXPECT_FALSE(rfevent::isSpecialMessage(record.header())) << id;
     }
 }
 

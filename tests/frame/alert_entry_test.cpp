@@ -1,7 +1,7 @@
 // The alert entry point and the eventing switch.
 #include <gtest/gtest.h>
 
-#include "frame/alert_entry.h"
+#include "frame/alert_entry_internal.h"
 #include "harness/log_capture.h"
 #include "harness/sandbox.h"
 #include "rfevent/redfish_event.h"

@@ -16,6 +16,7 @@
 #include "harness/wait.h"
 #include "host/host_setup.h"
 #include "subscriptions/report_delivery.h"
+#include "subscriptions/report_delivery_internal.h"
 
 using namespace rfevent;
 using namespace rfevent::testkit;

@@ -20,6 +20,7 @@
 #include "rfevent/redfish_event.h"
 #include "subscriptions/invalid_dest_internal.h"
 #include "subscriptions/report_delivery.h"
+#include "subscriptions/report_delivery_internal.h"
 
 using namespace rfevent;
 

@@ -25,6 +25,7 @@
 #include "subscriptions/delivery_failure_internal.h"
 #include "subscriptions/invalid_dest_internal.h"
 #include "subscriptions/report_delivery.h"
+#include "subscriptions/report_delivery_internal.h"
 
 using namespace rfevent;
 namespace tk = rfevent::testkit;

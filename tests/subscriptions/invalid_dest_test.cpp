@@ -18,6 +18,7 @@
 #include "subscriptions/invalid_dest_internal.h"
 #include "subscriptions/queue_sandbox.h"
 #include "subscriptions/report_delivery.h"
+#include "subscriptions/report_delivery_internal.h"
 
 using namespace rfevent;
 

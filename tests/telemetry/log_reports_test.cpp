@@ -1,5 +1,6 @@
 // Serial-log and CPU-register reports: real capture files, a real lock held by another
 // process, the SSE stand-in on the socket and a push subscriber over mutual TLS.
+#include "base/builtin_reports_internal.h"
 #include "sse/filter.h"
 #include "sse/filter_internal.h"
 #include "telemetry/log_reports.h"

@@ -1,6 +1,6 @@
-// The alert entry point and the eventing switch.
-#ifndef RFEVENT_FRAME_ALERT_ENTRY_H
-#define RFEVENT_FRAME_ALERT_ENTRY_H
+// Inside the alert entry point, for its tests: the eventing switch.
+#ifndef RFEVENT_FRAME_ALERT_ENTRY_INTERNAL_H
+#define RFEVENT_FRAME_ALERT_ENTRY_INTERNAL_H
 
 namespace rfevent {
 
