@@ -40,20 +40,16 @@ printf '%s\n' "${tidy_units[@]}" |
 grep -E '^/[^ ]+:[0-9]+:[0-9]+: (warning|error):' "$gate_build/clang-tidy.log" | sort -u || true
 
 # Functions of the product read top to bottom: at most 50 lines each (LineThreshold in
-# .clang-tidy). Off until every folder of src/ passes; RFEVENT_LINT_FUNCTION_SIZE=1 turns it on.
-if [ "${RFEVENT_LINT_FUNCTION_SIZE:-0}" = 1 ]; then
-    mapfile -t product_units < <(printf '%s\n' "${analysed[@]}" | grep -E '^src/')
-    echo "-- function length (${#product_units[@]} translation units)"
-    printf '%s\n' "${product_units[@]}" |
-        xargs -P "$jobs" -n 4 clang-tidy-14 -p "$dir" --quiet --use-color=false \
-            --checks='-*,readability-function-size' --warnings-as-errors='*' \
-            --extra-arg=-Wno-unknown-warning-option >"$gate_build/function-size.log" 2>&1 ||
-        status=1
-    grep -E -A3 '^/[^ ]+:[0-9]+:[0-9]+: (warning|error):' "$gate_build/function-size.log" |
-        grep -E 'warning|error|note' | sort -u || true
-else
-    echo "-- function length: off (RFEVENT_LINT_FUNCTION_SIZE=1 turns it on)"
-fi
+# .clang-tidy).
+mapfile -t product_units < <(printf '%s\n' "${analysed[@]}" | grep -E '^src/')
+echo "-- function length (${#product_units[@]} translation units)"
+printf '%s\n' "${product_units[@]}" |
+    xargs -P "$jobs" -n 4 clang-tidy-14 -p "$dir" --quiet --use-color=false \
+        --checks='-*,readability-function-size' --warnings-as-errors='*' \
+        --extra-arg=-Wno-unknown-warning-option >"$gate_build/function-size.log" 2>&1 ||
+    status=1
+grep -E -A3 '^/[^ ]+:[0-9]+:[0-9]+: (warning|error):' "$gate_build/function-size.log" |
+    grep -E 'warning|error|note' | sort -u || true
 
 echo "-- cppcheck"
 # Suppressed, each for one reason:
