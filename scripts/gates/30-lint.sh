@@ -64,12 +64,12 @@ cppcheck --project="$dir/compile_commands.json" --quiet --error-exitcode=1 --inl
     --enable=warning,performance,portability --std=c++17 --library=googletest \
     --suppress=missingIncludeSystem --suppress=unmatchedSuppression \
     --suppress=cppcheckError --suppress=internalAstError \
-    --suppress="passedByValue:$repo/src/base/json.cpp" \
-    --suppress="passedByValue:$repo/src/sse/filter.cpp" \
-    --suppress="passedByValue:$repo/src/telemetry/replay.cpp" \
-    --suppress="passedByValue:$repo/src/telemetry/log_reports.cpp" \
-    --suppress="ctuOneDefinitionRuleViolation:$repo/tests/jxlog_faults/jxlog_faults_test.cpp" \
-    --suppress="ctuOneDefinitionRuleViolation:$repo/src/platform/standalone/event_log.cpp" \
+    --suppress="passedByValue:*src/base/json.cpp" \
+    --suppress="passedByValue:*src/sse/filter.cpp" \
+    --suppress="passedByValue:*src/telemetry/replay.cpp" \
+    --suppress="passedByValue:*src/telemetry/log_reports.cpp" \
+    --suppress="ctuOneDefinitionRuleViolation:*tests/jxlog_faults/jxlog_faults_test.cpp" \
+    --suppress="ctuOneDefinitionRuleViolation:*src/platform/standalone/event_log.cpp" \
     -i"$dir" -j "$jobs" --cppcheck-build-dir="$(mkdir -p "$dir/cppcheck" && echo "$dir/cppcheck")" \
     --template='{file}:{line}: {severity}: {message} [{id}]' || status=1
 
