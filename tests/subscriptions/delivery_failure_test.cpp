@@ -42,6 +42,14 @@ Json::Value subscriptionWithPolicy(const std::string& policy) {
     return subscription;
 }
 
+// Writes a store holding subscription under the id "1" and returns that store.
+Json::Value storeOfOne(const Json::Value& subscription) {
+    Json::Value store(Json::objectValue);
+    store["1"] = subscription;
+    writeSubscriptionStore(store);
+    return store;
+}
+
 class DeliveryFailureTest : public ::testing::Test {
   protected:
     void SetUp() override { prepareQueueSandbox(2, 0); }
@@ -85,9 +93,7 @@ TEST_F(DeliveryFailureTest, NoAttemptsMeansNotSentAndNoEntry) {
 }
 
 TEST_F(DeliveryFailureTest, AlertFailureKeepsASubscriptionOfAnyOtherPolicy) {
-    Json::Value store(Json::objectValue);
-    store["1"] = subscriptionWithPolicy("RetryForever");
-    writeSubscriptionStore(store);
+    const Json::Value store = storeOfOne(subscriptionWithPolicy("RetryForever"));
     LogCapture log;
     applyPolicyOrKeep("1", store["1"]);
     EXPECT_EQ(readSubscriptionStore(), store);
@@ -95,10 +101,9 @@ TEST_F(DeliveryFailureTest, AlertFailureKeepsASubscriptionOfAnyOtherPolicy) {
 }
 
 TEST_F(DeliveryFailureTest, AlertFailureWithoutPolicyDoesNothing) {
-    Json::Value store(Json::objectValue);
-    store["1"] = subscriptionWithPolicy("SuspendRetries");
-    store["1"].removeMember("DeliveryRetryPolicy");
-    writeSubscriptionStore(store);
+    Json::Value withoutPolicy = subscriptionWithPolicy("SuspendRetries");
+    withoutPolicy.removeMember("DeliveryRetryPolicy");
+    const Json::Value store = storeOfOne(withoutPolicy);
     LogCapture log;
     applyPolicyOrKeep("1", store["1"]);
     EXPECT_EQ(readSubscriptionStore(), store);
@@ -106,9 +111,7 @@ TEST_F(DeliveryFailureTest, AlertFailureWithoutPolicyDoesNothing) {
 }
 
 TEST_F(DeliveryFailureTest, AlertFailureTerminatesAndSaysWhetherTheStoreChanged) {
-    Json::Value store(Json::objectValue);
-    store["1"] = subscriptionWithPolicy("TerminateAfterRetries");
-    writeSubscriptionStore(store);
+    const Json::Value store = storeOfOne(subscriptionWithPolicy("TerminateAfterRetries"));
     LogCapture log;
     applyPolicyOrKeep("1", store["1"]);
     EXPECT_FALSE(readSubscriptionStore().isMember("1"));
